@@ -1,0 +1,14 @@
+// This module (the library that this code is linked into): its handle, and loading others in its context.
+#pragma once
+
+#include <string>
+
+#include <windows.h>
+
+/// The module that holds this code; its reference count is not changed. Null when Windows cannot tell.
+HMODULE ownModule() noexcept;
+
+/// Loads the library at a full path with default search flags, inside the activation context of this module's
+/// own manifest, so that side-by-side dependencies resolve as this module's do and not as the host's. Null on
+/// failure, with the load's own last error. The caller frees the handle.
+HMODULE loadLibraryIsolated(const std::wstring& path) noexcept;

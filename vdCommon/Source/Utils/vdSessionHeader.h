@@ -1,0 +1,14 @@
+// What the header of a log session says: host, product, machine.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#include "Utils/vdVersion.h"
+
+/// The local time now, "2024-05-31 23:59:59".
+std::string localDateTimeText();
+
+/// Writes the header's lines between its two rules. May throw; the log then tells that it stopped.
+void writeSessionHeaderBody(std::ostream& stream, std::string_view hostAndVersion);

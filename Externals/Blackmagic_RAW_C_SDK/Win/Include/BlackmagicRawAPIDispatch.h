@@ -23,4 +23,4 @@ IBlackmagicRawFactory* CreateBlackmagicRawFactory() noexcept;
 
 /// Unloads the library and, when it was the one that brought them into the process, its instruction-set helper
 /// libraries.
-void ReleaseBlackmagicRawAPI();
+void ReleaseBlackmagicRawAPI() noexcept;

@@ -1,0 +1,220 @@
+#include "CudaRuntime.h"
+
+#include <array>
+#include <cstring>
+#include <mutex>
+#include <shared_mutex>
+#include <utility>
+#include <vector>
+
+#include <windows.h>
+
+// The hook is set once, by its definition below; where the toolchain's header would have it constant, this
+// asks for the writable declaration, which older ones have anyway.
+#define DELAYIMP_INSECURE_WRITABLE_HOOKS
+#include <delayimp.h>
+
+#include "StructuredGuard.h"
+#include "Utils/vdLogging.h"
+#include "Utils/vdModule.h"
+#include "Utils/vdPaths.h"
+#include "Utils/vdText.h"
+
+extern "C" {
+// The runtime's functions, as the import definition names them.
+int cudaMemGetInfo(std::size_t* freeBytes, std::size_t* totalBytes);
+int cudaMemcpy(void* destination, const void* source, std::size_t size, int kind);
+extern FARPROC __imp_cudaMemGetInfo;
+extern FARPROC __imp_cudaMemcpy;
+
+// What the delay-load import library and the toolchain's helper bring along.
+extern const ImgDelayDescr __DELAY_IMPORT_DESCRIPTOR_libcudart64_110_a;
+extern const char __ImageBase[];
+FARPROC WINAPI __delayLoadHelper2(PCImgDelayDescr descriptor, FARPROC* slot);
+}
+
+namespace {
+constexpr int longestRuntimePath = 261;
+
+const ImgDelayDescr& descriptor = __DELAY_IMPORT_DESCRIPTOR_libcudart64_110_a;
+
+template <class T>
+T* inImage(RVA address) {
+    return reinterpret_cast<T*>(const_cast<char*>(__ImageBase) + address);
+}
+
+/// This module's file name in UTF-8, however long; empty when Windows cannot tell.
+std::string ownModuleFile() {
+    const HMODULE module = ownModule();
+    if (module == nullptr)
+        return {};
+    std::vector<wchar_t> name(MAX_PATH);
+    constexpr std::size_t longestName = 32768;
+    for (;;) {
+        const DWORD length = GetModuleFileNameW(module, name.data(), static_cast<DWORD>(name.size()));
+        if (length < name.size() || name.size() >= longestName)
+            return utf16ToUtf8({name.data(), length});
+        name.assign(name.size() * 2, L'\0');
+    }
+}
+
+/// The runtime beside this library. Null, for anything else or when it is not there, makes the helper load by
+/// name in its usual way.
+HMODULE getCudaURL(const DelayLoadInfo& info) noexcept {
+    if (std::strcmp(info.szDll, cudaRuntimeFile) != 0)
+        return nullptr;
+    try {
+        const std::string module = ownModuleFile();
+        if (module.empty())
+            return nullptr;
+        const std::string path = cudaRuntimePath(module);
+        return path.empty() ? nullptr : loadLibraryIsolated(utf8ToUtf16(path));
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+FARPROC WINAPI onDelayLoad(unsigned notification, PDelayLoadInfo info) {
+    if (notification != dliNotePreLoadLibrary)
+        return nullptr;
+    return reinterpret_cast<FARPROC>(getCudaURL(*info));
+}
+
+/// The runtime's import slots. Each leads to a thunk of the linker's until the helper puts the function
+/// there; we remember the thunks, to tell which slots are bound and to start over after a failure. Calls hold
+/// `lock` shared, binding holds it alone.
+class Imports {
+public:
+    enum class Outcome { bound, failed, exception };
+
+    Outcome bind(FARPROC* slot) noexcept {
+        Bind bind{slot, nullptr};
+        // The helper raises a structured exception for a missing library or function.
+        const bool completed = runGuarded(
+            [](void* argument) {
+                auto& work = *static_cast<Bind*>(argument);
+                work.bound = __delayLoadHelper2(&descriptor, work.slot);
+            },
+            &bind);
+        if (completed && bind.bound != nullptr)
+            return Outcome::bound;
+        startOver();
+        return completed ? Outcome::failed : Outcome::exception;
+    }
+
+    /// What the helper's own operation of this name does. That one looks its libraries up in the image's
+    /// directory of delay imports, where this toolchain's linker enters none, and so knows no library at all.
+    Outcome loadAllImportsForDll(const char* fileName) noexcept {
+        if (std::strcmp(fileName, inImage<const char>(descriptor.rvaDLLName)) != 0)
+            return Outcome::failed;
+        for (FARPROC* slot = firstSlot(); *slot != nullptr; ++slot)
+            if (!isBound(slot))
+                if (const Outcome outcome = bind(slot); outcome != Outcome::bound)
+                    return outcome;
+        return Outcome::bound;
+    }
+
+    bool isBound(const FARPROC* slot) const noexcept { return *slot != m_thunks[indexOf(slot)]; }
+
+    std::shared_mutex lock;
+
+private:
+    struct Bind {
+        FARPROC* slot;
+        FARPROC bound;
+    };
+
+    static FARPROC* firstSlot() { return inImage<FARPROC>(descriptor.rvaIAT); }
+    static std::size_t indexOf(const FARPROC* slot) { return static_cast<std::size_t>(slot - firstSlot()); }
+
+    /// Forgets a runtime that turned out to be broken, so that the next attempt searches again.
+    void startOver() noexcept {
+        for (FARPROC* slot = firstSlot(); *slot != nullptr; ++slot)
+            *slot = m_thunks[indexOf(slot)];
+        HMODULE& module = *inImage<HMODULE>(descriptor.rvaHmod);
+        if (module != nullptr)
+            FreeLibrary(std::exchange(module, nullptr));
+    }
+
+    static std::array<FARPROC, 2> readThunks() {
+        std::array<FARPROC, 2> thunks = {};
+        for (std::size_t i = 0; i < thunks.size(); ++i)
+            thunks[i] = firstSlot()[i];
+        return thunks;
+    }
+
+    const std::array<FARPROC, 2> m_thunks = readThunks();
+};
+
+Imports& imports() {
+    static Imports instance;
+    return instance;
+}
+
+/// Calls a function of the runtime, binding it first where that has not been done.
+template <class Call>
+int callRuntime(FARPROC* slot, Call&& call) noexcept {
+    try {
+        {
+            const std::shared_lock shared(imports().lock);
+            if (imports().isBound(slot))
+                return call();
+        }
+        // Called under the same lock: another thread's failure may unbind everything in between.
+        const std::unique_lock alone(imports().lock);
+        if (!imports().isBound(slot) && imports().bind(slot) != Imports::Outcome::bound)
+            return cudaRuntimeNotLoaded;
+        return call();
+    } catch (...) {
+        return cudaRuntimeNotLoaded;
+    }
+}
+} // namespace
+
+PfnDliHook __pfnDliNotifyHook2 = onDelayLoad;
+
+std::string cudaRuntimePath(std::string_view moduleFile) {
+    const std::string file = stripTrailingSeparators(toForwardSlashes(moduleFile));
+    const std::size_t separator = file.rfind('/');
+    const std::string folder = separator == std::string::npos ? std::string() : file.substr(0, separator);
+    const std::string path = toBackslashes(joinPath(folder, cudaRuntimeFile));
+    if (charCount(path) > longestRuntimePath) {
+        VD_LOG_AS(vdLogLevel::error, "getCudaURL",
+                  "ERROR getCudaURL - Folder Path + dllFilename superior to MAX PATH !");
+        return {};
+    }
+    return path;
+}
+
+bool loadDelayedLibrary(const char* fileName, std::string& message) noexcept {
+    try {
+        message.clear();
+        const std::unique_lock alone(imports().lock);
+        const Imports::Outcome outcome = imports().loadAllImportsForDll(fileName);
+        if (outcome == Imports::Outcome::bound)
+            return true;
+        message = std::string(fileName) + " __HrLoadAllImportsForDll " +
+                  (outcome == Imports::Outcome::failed ? "failed" : "exception");
+    } catch (...) {
+        // Without memory the message is lost, not the answer.
+    }
+    return false;
+}
+
+bool loadCudaRuntime(std::string& message) noexcept {
+    return loadDelayedLibrary(cudaRuntimeFile, message);
+}
+
+int cudaDeviceMemory(std::size_t& freeBytes, std::size_t& totalBytes) noexcept {
+    freeBytes = totalBytes = 0;
+    const int error =
+        callRuntime(&__imp_cudaMemGetInfo, [&] { return cudaMemGetInfo(&freeBytes, &totalBytes); });
+    if (error != 0)
+        freeBytes = totalBytes = 0;
+    return error;
+}
+
+int cudaCopy(void* destination, const void* source, std::size_t size, cudaCopyKind kind) noexcept {
+    return callRuntime(&__imp_cudaMemcpy,
+                       [&] { return cudaMemcpy(destination, source, size, static_cast<int>(kind)); });
+}

@@ -23,12 +23,15 @@ enum class vdLogLevel : int {
 };
 
 /// The names of the levels, indexed by their value, as the lines and the settings file show them.
-inline constexpr std::string_view vdLogLevelNames[] = {"TRACE", "DEBUG", "INFO", "WARN", "ERR", "DESACTIVATED"};
+inline constexpr std::string_view vdLogLevelNames[] = {"TRACE", "DEBUG", "INFO",
+                                                       "WARN",  "ERR",   "DESACTIVATED"};
 
 /// A line of level L is written when L is at least this. Written by initLogging alone.
 inline std::atomic<vdLogLevel> g_logThreshold{vdLogLevel::off};
 
-inline bool vdLogs(vdLogLevel level) { return level >= g_logThreshold.load(std::memory_order_relaxed); }
+inline bool vdLogs(vdLogLevel level) {
+    return level >= g_logThreshold.load(std::memory_order_relaxed);
+}
 
 /// Starts the log: settles the folder, moves the previous session's file aside, writes the header. `fileName`
 /// has no folder and ends in ".log". To be called before other threads log; a failure shows as a log without
@@ -53,19 +56,21 @@ template <class F>
 void compose(vdLogLevel level, const char* sourcePath, const char* functionName, F&& message) noexcept {
     writeComposed(
         level, sourcePath, functionName,
-        [](std::ostream& stream, void* captures) { (*static_cast<std::remove_reference_t<F>*>(captures))(stream); },
+        [](std::ostream& stream, void* captures) {
+            (*static_cast<std::remove_reference_t<F>*>(captures))(stream);
+        },
         &message);
 }
 } // namespace vdLogDetail
 
 /// A log line: the level's test comes first, and only when the line passes is its message built, as a stream
-/// expression: VD_LOG_INFO("Closing " << name). VD_LOG_AS names the function where the compiler's own name for
-/// it is not the one that the line shows.
-#define VD_LOG_AS(level, functionName, message)                                                                \
-    do {                                                                                                       \
-        if (vdLogs(level)) [[unlikely]]                                                                        \
-            vdLogDetail::compose(level, __FILE__, functionName,                                                \
-                                 [&](std::ostream& vdLogStream) { vdLogStream << message; });                  \
+/// expression: VD_LOG_INFO("Closing " << name). VD_LOG_AS names the function where the compiler's own name
+/// for it is not the one that the line shows.
+#define VD_LOG_AS(level, functionName, message)                                                              \
+    do {                                                                                                     \
+        if (vdLogs(level)) [[unlikely]]                                                                      \
+            vdLogDetail::compose(level, __FILE__, functionName,                                              \
+                                 [&](std::ostream& vdLogStream) { vdLogStream << message; });                \
     } while (false)
 #define VD_LOG_TRACE(message) VD_LOG_AS(vdLogLevel::trace, __func__, message)
 #define VD_LOG_INFO(message) VD_LOG_AS(vdLogLevel::info, __func__, message)

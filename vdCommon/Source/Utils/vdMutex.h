@@ -37,9 +37,9 @@ void logWait(const void* mutex, const char* label, const char* function, const c
              void (*wait)(void* mutex), void* waitArgument) noexcept;
 } // namespace vdLockDetail
 
-/// Owns a vdMutex or a std::mutex for a scope, and tells the log when it had to wait: the lock is tried first,
-/// and only when another thread holds it are two lines written, with the lock's address, `label` and the time
-/// waited. Function and file are those of the site.
+/// Owns a vdMutex or a std::mutex for a scope, and tells the log when it had to wait: the lock is tried
+/// first, and only when another thread holds it are two lines written, with the lock's address, `label` and
+/// the time waited. Function and file are those of the site.
 template <class Mutex>
 class vdLock {
 public:

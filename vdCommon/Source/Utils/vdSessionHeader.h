@@ -12,3 +12,6 @@ std::string localDateTimeText();
 
 /// Writes the header's lines between its two rules. May throw; the log then tells that it stopped.
 void writeSessionHeaderBody(std::ostream& stream, std::string_view hostAndVersion);
+
+/// The lines of one drive, given its root ("C:\\").
+void writeDrive(std::ostream& stream, const wchar_t* root);

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 struct vdCpuInfo {
@@ -30,6 +31,15 @@ vdCpuInfo describeCpu(const vdCpuId& cpuId);
 /// Describes the processor of this machine. May throw.
 vdCpuInfo readCpuInfo();
 
+/// What Windows says of itself to this process: without a word on it in the process's manifest, no more
+/// than 6.2.
 bool isWindowsVersionOrGreater(uint16_t major, uint16_t minor, uint16_t servicePackMajor);
-/// "10 B19045", "11 B22631", "8Point1", "7SP1", ...
+
+/// Tells whether Windows is at least of a major and minor version with a service pack's major version.
+using vdWindowsCheck = std::function<bool(uint16_t major, uint16_t minor, uint16_t servicePackMajor)>;
+
+/// "10 B19045", "11 B22631", "8Point1", "7SP1", ... by what `isAtLeast` says; `build` is asked for from
+/// Windows 10 on, without value when it cannot be told.
+std::string describeWindows(const vdWindowsCheck& isAtLeast, std::optional<uint32_t> build);
+/// Describes the Windows that runs this process.
 std::string windowsName();

@@ -23,7 +23,7 @@ int charCount(std::string_view text);
 std::string charAt(std::string_view text, int position);
 /// Up to `count` characters from `position` on.
 std::string substrChars(std::string_view text, int position, int count);
-/// Character position of the first or last occurrence of `piece`, or -1.
+/// Character position of the first or last occurrence of `piece`, or -1. An empty piece occurs nowhere.
 int findFirst(std::string_view text, std::string_view piece);
 int findLast(std::string_view text, std::string_view piece);
 std::string replaceAll(std::string_view text, std::string_view piece, std::string_view replacement);

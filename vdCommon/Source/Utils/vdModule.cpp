@@ -1,0 +1,52 @@
+#include "Utils/vdModule.h"
+
+namespace {
+/// The activation context of this module's manifest, active on this thread for the object's lifetime. Without
+/// such a manifest it does nothing.
+class OwnActivationContext {
+public:
+    OwnActivationContext() noexcept {
+        constexpr ULONG_PTR isolationAwareManifest = 2; // ISOLATIONAWARE_MANIFEST_RESOURCE_ID
+        ACTCTXW description = {};
+        description.cbSize = sizeof description;
+        description.dwFlags = ACTCTX_FLAG_RESOURCE_NAME_VALID | ACTCTX_FLAG_HMODULE_VALID;
+        description.lpResourceName = MAKEINTRESOURCEW(isolationAwareManifest);
+        description.hModule = ownModule();
+        if (description.hModule != nullptr)
+            m_context = CreateActCtxW(&description);
+        m_active = m_context != INVALID_HANDLE_VALUE && ActivateActCtx(m_context, &m_cookie);
+    }
+    ~OwnActivationContext() {
+        if (m_active)
+            DeactivateActCtx(0, m_cookie);
+        if (m_context != INVALID_HANDLE_VALUE)
+            ReleaseActCtx(m_context);
+    }
+    OwnActivationContext(const OwnActivationContext&) = delete;
+    OwnActivationContext& operator=(const OwnActivationContext&) = delete;
+
+private:
+    HANDLE m_context = INVALID_HANDLE_VALUE;
+    ULONG_PTR m_cookie = 0;
+    bool m_active = false;
+};
+} // namespace
+
+HMODULE ownModule() noexcept {
+    HMODULE module = nullptr;
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                       reinterpret_cast<const wchar_t*>(&ownModule), &module);
+    return module;
+}
+
+HMODULE loadLibraryIsolated(const std::wstring& path) noexcept {
+    HMODULE library = nullptr;
+    DWORD loadError = ERROR_SUCCESS;
+    {
+        const OwnActivationContext context;
+        library = LoadLibraryExW(path.c_str(), nullptr, 0);
+        loadError = GetLastError();
+    }
+    SetLastError(loadError);
+    return library;
+}

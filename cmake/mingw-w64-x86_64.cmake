@@ -8,4 +8,12 @@ set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_CROSSCOMPILING_EMULATOR env WINEPREFIX=${CMAKE_BINARY_DIR}/wineprefix WINEDEBUG=-all wine)
+
+# Without a UTF-8 locale Wine hands programs a question mark for every letter beyond ASCII in their arguments. The
+# overrides keep it from asking for Mono and Gecko, and from writing file associations into the user's own desktop.
+find_program(CLIPFORGE_WINE NAMES wine wine64 PATHS /usr/lib/wine)
+if(CLIPFORGE_WINE)
+    set(CMAKE_CROSSCOMPILING_EMULATOR
+        env LC_ALL=C.UTF-8 WINEPREFIX=${CMAKE_BINARY_DIR}/wineprefix WINEDEBUG=-all
+        WINEDLLOVERRIDES=mscoree,mshtml,winemenubuilder.exe= ${CLIPFORGE_WINE})
+endif()

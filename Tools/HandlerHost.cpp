@@ -1,0 +1,83 @@
+#include "HandlerHost.h"
+
+#include <chrono>
+#include <type_traits>
+
+using Microsoft::WRL::ComPtr;
+
+namespace {
+
+template <typename Function>
+Function exportOf(HMODULE module, const char* name) {
+    return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+}
+
+HRESULT lastError() {
+    return HRESULT_FROM_WIN32(GetLastError());
+}
+
+HRESULT createHandler(const HandlerLibrary* library, IInitializeWithFile** handler) {
+    void** const object = reinterpret_cast<void**>(handler);
+    if (library != nullptr)
+        return library->createHandler(IID_IInitializeWithFile, object);
+    return CoCreateInstance(CLSID_ClipforgeThumbnails, nullptr, CLSCTX_INPROC_SERVER, IID_IInitializeWithFile,
+                            object);
+}
+
+} // namespace
+
+HRESULT HandlerLibrary::load(const std::wstring& path) {
+    m_module = LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+    return m_module != nullptr ? S_OK : lastError();
+}
+
+HRESULT HandlerLibrary::createHandler(REFIID riid, void** object) const {
+    const auto getClassObject = exportOf<decltype(&DllGetClassObject)>(m_module, "DllGetClassObject");
+    if (getClassObject == nullptr)
+        return lastError();
+    ComPtr<IClassFactory> factory;
+    const HRESULT result = getClassObject(CLSID_ClipforgeThumbnails, IID_IClassFactory,
+                                          reinterpret_cast<void**>(factory.GetAddressOf()));
+    return FAILED(result) ? result : factory->CreateInstance(nullptr, riid, object);
+}
+
+HRESULT HandlerLibrary::unload() {
+    if (m_module == nullptr)
+        return S_OK;
+    const auto canUnloadNow = exportOf<decltype(&DllCanUnloadNow)>(m_module, "DllCanUnloadNow");
+    if (canUnloadNow != nullptr && canUnloadNow() != S_OK)
+        return S_FALSE;
+    return FreeLibrary(std::exchange(m_module, nullptr)) ? S_OK : lastError();
+}
+
+ThumbnailAnswer askForThumbnail(const std::wstring& clip, UINT size, const HandlerLibrary* library) {
+    ThumbnailAnswer answer;
+    const auto done = [&answer](const wchar_t* step, HRESULT result) {
+        answer.step = step;
+        answer.result = result;
+        return SUCCEEDED(result);
+    };
+
+    ComPtr<IInitializeWithFile> file;
+    ComPtr<IThumbnailProvider> provider;
+    if (!done(L"Creating the handler", createHandler(library, file.GetAddressOf())))
+        return answer;
+    if (!done(L"Initialize", file->Initialize(clip.c_str(), STGM_READ)))
+        return answer;
+    if (!done(L"QueryInterface", file.As(&provider)))
+        return answer;
+
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point start = Clock::now();
+    const HRESULT result = provider->GetThumbnail(size, answer.bitmap.put(), &answer.alpha);
+    answer.milliseconds = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    done(L"GetThumbnail", result);
+    return answer;
+}
+
+bool isThumbnailBitmap(HBITMAP bitmap, DIBSECTION& section) {
+    if (GetObjectW(bitmap, sizeof(section), &section) != sizeof(section))
+        return false;
+    return section.dsBm.bmBits != nullptr && section.dsBmih.biBitCount == 32 && section.dsBmih.biWidth > 0 &&
+           section.dsBmih.biHeight > 0;
+}

@@ -1,0 +1,37 @@
+// The COM object that the shell creates for each clip whose thumbnail it needs.
+#pragma once
+
+#include <string>
+
+#include <propsys.h>
+#include <thumbcache.h>
+
+#include "ModuleState.h"
+
+/// Keeps the clip's path between the shell's calls; each thumbnail is made from nothing and leaves nothing
+/// behind. One thread at a time uses an object; thumbnails of different objects wait for each other.
+class CClipforgeThumbProvider final : public IInitializeWithFile, public IThumbnailProvider {
+public:
+    /// With one reference, the caller's.
+    CClipforgeThumbProvider() noexcept = default;
+    CClipforgeThumbProvider(const CClipforgeThumbProvider&) = delete;
+    CClipforgeThumbProvider& operator=(const CClipforgeThumbProvider&) = delete;
+
+    IFACEMETHODIMP QueryInterface(REFIID riid, void** ppv) override;
+    IFACEMETHODIMP_(ULONG) AddRef() override;
+    IFACEMETHODIMP_(ULONG) Release() override;
+    /// Takes the path, and succeeds also when the file cannot be read: GetThumbnail is the one to report
+    /// that.
+    IFACEMETHODIMP Initialize(LPCWSTR pszFilePath, DWORD grfMode) override;
+    virtual ~CClipforgeThumbProvider();
+
+    /// A 32-bit bottom-up DIB section, at least `cx` pixels in both directions and of the clip's aspect;
+    /// larger than the clip itself it is `cx` by `cx`, the frame centred and the rest transparent. A clip
+    /// without frames gives a transparent one. The caller owns the bitmap.
+    IFACEMETHODIMP GetThumbnail(UINT cx, HBITMAP* phbmp, WTS_ALPHATYPE* pdwAlpha) override;
+
+private:
+    volatile LONG m_refCount = 1;
+    std::string m_filepath; ///< UTF-8
+    ModuleLock m_moduleLock;
+};

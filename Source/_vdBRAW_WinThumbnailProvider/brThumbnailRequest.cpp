@@ -1,0 +1,153 @@
+#include "brThumbnailRequest.h"
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "Manager.h"
+#include "Utils/vdLogging.h"
+#include "brFramePlacement.h"
+
+namespace {
+constexpr uint32_t bytesPerPixel = 4;
+
+/// On the device the decoder works on; without one, on the CPU.
+std::unique_ptr<brBufferManager> createBufferManager() {
+    const vdPipelineDevice onCPU;
+    const auto& chosen = g_manager->m_instance->pipelineDevice;
+    const vdPipelineDevice& device = chosen != nullptr ? *chosen : onCPU;
+    return std::make_unique<brBufferManager>(
+        g_manager->m_resourceManager.Get(), g_manager->m_manualDecoderCPU.Get(),
+        g_manager->m_manualDecoderGPU.Get(), device.resourceType, device.context, device.commandQueue);
+}
+
+/// A DIB section and its pixels, or null. Row and image sizes are 32-bit numbers throughout, so a bitmap that
+/// they cannot tell is refused before GDI is asked for it.
+HBITMAP createDIB(uint32_t width, uint32_t height, void*& pixels) {
+    constexpr uint64_t largest = INT32_MAX / bytesPerPixel;
+    if (width == 0 || height == 0 || uint64_t{width} * height > largest)
+        return nullptr;
+    BITMAPINFO info = {};
+    info.bmiHeader.biSize = sizeof info.bmiHeader;
+    info.bmiHeader.biWidth = static_cast<LONG>(width);
+    info.bmiHeader.biHeight = static_cast<LONG>(height); // positive: bottom row first
+    info.bmiHeader.biPlanes = 1;
+    info.bmiHeader.biBitCount = 8 * bytesPerPixel;
+    info.bmiHeader.biCompression = BI_RGB;
+    return CreateDIBSection(nullptr, &info, DIB_RGB_COLORS, &pixels, nullptr, 0);
+}
+} // namespace
+
+vdBRAW_Request_Thumbnail::~vdBRAW_Request_Thumbnail() {
+    if (m_hBitmap != nullptr)
+        DeleteObject(m_hBitmap);
+}
+
+vdStatus vdBRAW_Request_Thumbnail::initThumbnail(const vdBRAW_Clip& clip, const brDimensions& dimensions) {
+    m_queueId = brNoQueueId;
+    const brRect rect{0, 0, static_cast<int32_t>(dimensions.width), static_cast<int32_t>(dimensions.height)};
+    const vdStatus scaled =
+        setScaleAndDimensions(clip, {0, static_cast<int32_t>(clip.m_width), dimensions.width},
+                              {0, static_cast<int32_t>(clip.m_height), dimensions.height}, rect);
+    if (scaled.failed)
+        return scaled;
+
+    auto bufferManager = createBufferManager();
+    void* const pixels = createBitmap();
+    const vdStatus set =
+        setup(clip.m_id, clip.m_frameCount, pixels, static_cast<int32_t>(m_width * bytesPerPixel),
+              brPixelFormat::BGRA_8_LOW, std::move(bufferManager));
+    if (set.failed)
+        return set;
+    cloneProcessingAttributes(clip);
+    return {};
+}
+
+void* vdBRAW_Request_Thumbnail::createBitmap() {
+    void* pixels = nullptr;
+    m_hBitmap = createDIB(m_width, m_height, pixels);
+    if (m_hBitmap == nullptr) {
+        HandleError(brErrorBitmap, E_OUTOFMEMORY, "Error Allocating HBitmap (CreateDIBSection) !", false);
+        return nullptr;
+    }
+    return pixels;
+}
+
+int vdBRAW_Request_Thumbnail::onProcessComplete() {
+    return LaunchHeavyProcessing();
+}
+
+int vdBRAW_Request_Thumbnail::LaunchHeavyProcessing() {
+    // A clip without frames is answered with the bitmap as it was made: transparent.
+    if (!m_isEnabled || m_hBitmap == nullptr || m_bufferManager->m_finalImageBuffer == nullptr)
+        return 0;
+
+    if (m_isOver) {
+        placeInBitmap();
+        return 0;
+    }
+    // Rows of another length than the bitmap's would shear the picture.
+    if (m_processedWidth != m_width || m_processedHeight != m_height) {
+        HandleError(brErrorDelivery, 0, "The processed image has not the size of the HBitmap", false);
+        return 0;
+    }
+    if (m_bufferManager->m_isGPU)
+        copyFromGPU();
+    else if (m_bufferManager->m_ownsProcessedBuffer)
+        copyFromProcessedBuffer();
+    return 0;
+}
+
+void vdBRAW_Request_Thumbnail::copyFromGPU() {
+    void* host = m_bufferManager->m_finalImageBuffer;
+    const uint64_t hostBytes = uint64_t{m_height} * m_width * bytesPerPixel;
+    if (const vdStatus copied = m_bufferManager->getProcessedBufferOnHost(host, hostBytes); copied.failed)
+        HandleError(brErrorDelivery, 0,
+                    "Error while converting processed buffer to CPU : " + std::string(copied.text()), false);
+}
+
+void vdBRAW_Request_Thumbnail::copyFromProcessedBuffer() {
+    const brBuffer& processed = m_bufferManager->m_processedBuffer;
+    uint32_t bytes = pixelFormatBytes(m_pixelFormat) * (m_height * m_width);
+    if (processed.capacity == bytes)
+        VD_LOG_AS(vdLogLevel::error, "LaunchHeavyProcessing",
+                  "Final Processed Buffer should have been directly processed by Lib !");
+    if (processed.capacity < bytes) {
+        VD_LOG_AS(vdLogLevel::error, "LaunchHeavyProcessing",
+                  "The final Processed Buffer is smaller than HBitmap - it should not happen !");
+        bytes = processed.capacity;
+    }
+    if (processed.resource == nullptr) {
+        HandleError(brErrorDelivery, 0, "m_processedBuffer is nullptr", false);
+        return;
+    }
+    VD_LOG_AS(vdLogLevel::info, "LaunchHeavyProcessing", "Copying Processed Buffer to Final Buffer");
+    std::memcpy(m_bufferManager->m_finalImageBuffer, processed.resource, bytes);
+}
+
+/// The bitmap is larger than the clip: the whole frame goes to its middle, as large as it fits.
+void vdBRAW_Request_Thumbnail::placeInBitmap() {
+    const uint64_t frameBytes = uint64_t{m_processedWidth} * m_processedHeight * bytesPerPixel;
+    if (frameBytes == 0 || frameBytes > m_bufferManager->m_processedBuffer.capacity) {
+        HandleError(brErrorDelivery, 0, "The processed buffer does not hold the processed image", false);
+        return;
+    }
+    std::unique_ptr<uint8_t[]> copy;
+    void* frame = nullptr;
+    if (m_bufferManager->m_isGPU) {
+        copy = std::make_unique_for_overwrite<uint8_t[]>(frameBytes);
+        frame = copy.get();
+    }
+    if (const vdStatus onHost = m_bufferManager->getProcessedBufferOnHost(frame, frameBytes); onHost.failed) {
+        HandleError(brErrorDelivery, 0,
+                    "Error while converting processed buffer to CPU : " + std::string(onHost.text()), false);
+        return;
+    }
+    if (frame == nullptr) {
+        HandleError(brErrorDelivery, 0, "m_processedBuffer is nullptr", false);
+        return;
+    }
+    placeFrame(static_cast<const uint8_t*>(frame), m_processedWidth, m_processedHeight,
+               static_cast<uint8_t*>(m_bufferManager->m_finalImageBuffer), m_width, m_height);
+}

@@ -1,0 +1,60 @@
+// Processing attributes: what a clip or frame shall look like. They are checked and recorded in the session's
+// block, where rules can make single ones refuse; pictures are not changed by them.
+#pragma once
+
+#include <memory>
+
+#include "Object.h"
+
+namespace reference {
+
+/// A clip's 3D LUT: a buffer on each side, alive as long as anything that can give it out.
+class ClipLut {
+public:
+    static std::shared_ptr<ClipLut> create();
+    ~ClipLut();
+
+    void* host = nullptr;
+    void* device = nullptr;
+};
+
+class ClipAttributes
+    : public Object<"IBlackmagicRawClipProcessingAttributes", IBlackmagicRawClipProcessingAttributes> {
+public:
+    explicit ClipAttributes(std::shared_ptr<ClipLut> lut) : m_lut(std::move(lut)) {}
+
+    REFERENCE_DECODER_UNUSED(GetClipAttribute)
+    HRESULT STDMETHODCALLTYPE SetClipAttribute(BlackmagicRawClipProcessingAttribute attribute,
+                                               VARIANT* value) override;
+    HRESULT STDMETHODCALLTYPE GetClipAttributeRange(BlackmagicRawClipProcessingAttribute attribute,
+                                                    VARIANT* minimum, VARIANT* maximum,
+                                                    BOOL* isReadOnly) override;
+    HRESULT STDMETHODCALLTYPE GetClipAttributeList(BlackmagicRawClipProcessingAttribute attribute,
+                                                   VARIANT* array, uint32_t* elementCount,
+                                                   BOOL* isReadOnly) override;
+    REFERENCE_DECODER_UNUSED(GetISOList)
+    HRESULT STDMETHODCALLTYPE GetPost3DLUT(IBlackmagicRawPost3DLUT** lut) override;
+
+protected:
+    void finish() noexcept override { m_lut.reset(); }
+
+private:
+    std::shared_ptr<ClipLut> m_lut;
+};
+
+class FrameAttributes
+    : public Object<"IBlackmagicRawFrameProcessingAttributes", IBlackmagicRawFrameProcessingAttributes> {
+public:
+    REFERENCE_DECODER_UNUSED(GetFrameAttribute)
+    HRESULT STDMETHODCALLTYPE SetFrameAttribute(BlackmagicRawFrameProcessingAttribute attribute,
+                                                VARIANT* value) override;
+    HRESULT STDMETHODCALLTYPE GetFrameAttributeRange(BlackmagicRawFrameProcessingAttribute attribute,
+                                                     VARIANT* minimum, VARIANT* maximum,
+                                                     BOOL* isReadOnly) override;
+    HRESULT STDMETHODCALLTYPE GetFrameAttributeList(BlackmagicRawFrameProcessingAttribute attribute,
+                                                    VARIANT* array, uint32_t* elementCount,
+                                                    BOOL* isReadOnly) override;
+    HRESULT STDMETHODCALLTYPE GetISOList(uint32_t* array, uint32_t* elementCount, BOOL* isReadOnly) override;
+};
+
+} // namespace reference

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "Object.h"
+#include "PnmStream.h"
+
+namespace reference {
+
+/// A frame whose bytes were read; carries what its decoding shall give.
+class Frame : public Object<"IBlackmagicRawFrame", IBlackmagicRawFrame> {
+public:
+    Frame(const PictureHeader& header, bool isFlippedVertically)
+        : m_header(header), m_isFlippedVertically(isFlippedVertically) {}
+
+    const PictureHeader& header() const { return m_header; }
+    bool isFlippedVertically() const { return m_isFlippedVertically; }
+    uint32_t factor() const { return m_factor; }
+    BlackmagicRawResourceFormat format() const { return m_format; }
+
+    REFERENCE_DECODER_UNUSED(GetFrameIndex)
+    REFERENCE_DECODER_UNUSED(GetTimecode)
+    REFERENCE_DECODER_UNUSED(GetMetadataIterator)
+    REFERENCE_DECODER_UNUSED(GetMetadata)
+    REFERENCE_DECODER_UNUSED(SetMetadata)
+    HRESULT STDMETHODCALLTYPE
+    CloneFrameProcessingAttributes(IBlackmagicRawFrameProcessingAttributes** attributes) override;
+    HRESULT STDMETHODCALLTYPE SetResolutionScale(BlackmagicRawResolutionScale scale) override;
+    REFERENCE_DECODER_UNUSED(GetResolutionScale)
+    HRESULT STDMETHODCALLTYPE SetResourceFormat(BlackmagicRawResourceFormat format) override;
+
+private:
+    const PictureHeader m_header;
+    const bool m_isFlippedVertically;
+    uint32_t m_factor = 1;
+    BlackmagicRawResourceFormat m_format = blackmagicRawResourceFormatRGBAU8;
+};
+
+} // namespace reference

@@ -1,0 +1,193 @@
+#include "JobQueue.h"
+
+#include <algorithm>
+#include <thread>
+
+namespace reference {
+
+namespace {
+
+/// What a new thread is given. The thread keeps the library in memory until its last instruction: a callback
+/// may give up the codec's last reference and the process unload the library while the thread is ending.
+struct ThreadStart {
+    std::shared_ptr<JobQueue> queue;
+    HMODULE module = nullptr;
+};
+
+HMODULE holdThisModule() {
+    HMODULE module = nullptr;
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&holdThisModule),
+                       &module);
+    return module;
+}
+
+} // namespace
+
+HRESULT Job::Submit() {
+    return cross<"IBlackmagicRawJob::Submit">([&] {
+        if (m_isSubmitted.exchange(true))
+            return badArgument(E_UNEXPECTED);
+        const HRESULT result = m_queue->submit(*this);
+        if (FAILED(result))
+            m_isSubmitted = false;
+        return result;
+    });
+}
+
+HRESULT Job::SetUserData(void* userData) {
+    return cross<"IBlackmagicRawJob::SetUserData">([&] {
+        m_userData = userData;
+        return S_OK;
+    });
+}
+
+HRESULT Job::GetUserData(void** userData) {
+    return cross<"IBlackmagicRawJob::GetUserData">(
+        [&] {
+            *userData = m_userData;
+            return S_OK;
+        },
+        userData);
+}
+
+void Job::run(IBlackmagicRawCallback* callback) noexcept {
+    if (const DWORD delay = referenceDecoderControl().jobDelayMilliseconds)
+        Sleep(delay);
+    const HRESULT result = guarded([&] { return work(); });
+    if (callback)
+        report(*callback, result);
+}
+
+JobQueue::JobQueue() : m_threadLimit(std::max(2u, std::thread::hardware_concurrency())) {}
+
+JobQueue::~JobQueue() {
+    for (const Worker& worker : m_workers)
+        CloseHandle(worker.handle);
+    setCallback(nullptr);
+}
+
+void JobQueue::setCallback(IBlackmagicRawCallback* callback) {
+    if (callback)
+        callback->AddRef();
+    IBlackmagicRawCallback* previous = callback;
+    {
+        const Lock::Guard guard(m_lock);
+        std::swap(previous, m_callback);
+    }
+    if (previous)
+        previous->Release();
+}
+
+HRESULT JobQueue::submit(Job& job) {
+    const Lock::Guard guard(m_lock);
+    if (m_isStopping && m_unfinished == 0)
+        return E_UNEXPECTED;
+    // A thread for each waiting job up to the limit; one that submits from a callback will be free next. What
+    // the system refuses beyond the first thread is only speed.
+    const size_t freeWorkers = m_idleWorkers + (isWorkerThread() ? 1u : 0u);
+    if (freeWorkers <= m_jobs.size() && m_workers.size() < m_threadLimit)
+        startWorker();
+    if (m_workers.empty())
+        return E_OUTOFMEMORY;
+    m_jobs.push_back(&job);
+    job.addReference();
+    ++m_unfinished;
+    ++account().jobsSubmitted;
+    m_work.wakeOne();
+    return S_OK;
+}
+
+void JobQueue::flush() {
+    const Lock::Guard guard(m_lock);
+    while (m_unfinished > 0)
+        m_idle.wait(m_lock);
+}
+
+void JobQueue::stop() {
+    std::vector<Worker> workers;
+    bool onWorker;
+    {
+        const Lock::Guard guard(m_lock);
+        onWorker = isWorkerThread();
+        while (!onWorker && m_unfinished > 0)
+            m_idle.wait(m_lock);
+        m_isStopping = true;
+        m_work.wakeAll();
+        workers.swap(m_workers);
+    }
+    for (const Worker& worker : workers) {
+        if (!onWorker)
+            WaitForSingleObject(worker.handle, INFINITE);
+        CloseHandle(worker.handle);
+    }
+    if (!onWorker)
+        setCallback(nullptr);
+}
+
+bool JobQueue::isWorkerThread() const {
+    return std::any_of(m_workers.begin(), m_workers.end(),
+                       [](const Worker& worker) { return worker.id == GetCurrentThreadId(); });
+}
+
+void JobQueue::startWorker() {
+    m_workers.reserve(m_workers.size() + 1);
+    auto start = std::make_unique<ThreadStart>(ThreadStart{shared_from_this(), holdThisModule()});
+    Worker worker{};
+    worker.handle = CreateThread(nullptr, 0, threadEntry, start.get(), 0, &worker.id);
+    if (worker.handle) {
+        start.release();
+        m_workers.push_back(worker);
+    } else
+        FreeLibrary(start->module);
+}
+
+DWORD WINAPI JobQueue::threadEntry(void* given) {
+    std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(given));
+    const HMODULE module = start->module;
+    start->queue->workUntilStopped();
+    start.reset();
+    FreeLibraryAndExitThread(module, 0);
+}
+
+void JobQueue::workUntilStopped() {
+    while (Job* job = takeJob())
+        runOne(job);
+}
+
+/// Null when there will be no more.
+Job* JobQueue::takeJob() {
+    const Lock::Guard guard(m_lock);
+    while (m_jobs.empty()) {
+        if (m_isStopping && m_unfinished == 0)
+            return nullptr;
+        ++m_idleWorkers;
+        m_work.wait(m_lock);
+        --m_idleWorkers;
+    }
+    Job* job = m_jobs.front();
+    m_jobs.pop_front();
+    return job;
+}
+
+void JobQueue::runOne(Job* job) {
+    IBlackmagicRawCallback* callback;
+    {
+        const Lock::Guard guard(m_lock);
+        callback = m_callback;
+        if (callback)
+            callback->AddRef();
+    }
+    job->run(callback);
+    if (callback)
+        callback->Release();
+    ++account().jobsCompleted;
+    job->Release(); // before the job counts as finished: after a flush the account is balanced
+    const Lock::Guard guard(m_lock);
+    if (--m_unfinished == 0) {
+        m_idle.wakeAll();
+        if (m_isStopping)
+            m_work.wakeAll();
+    }
+}
+
+} // namespace reference

@@ -1,0 +1,119 @@
+// What the reference decoder shares with the process that uses it: its account, its recording of calls, the
+// faults it shall show and its settings. The block lies in memory named after the process, made by whoever
+// comes first, so that it survives the library's unloading as long as a ReferenceDecoderSession lives.
+//
+// The layout is fixed within one build of both sides; all bytes zero is the block's valid initial state.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+enum class ReferenceDecoderFaultKind : uint32_t {
+    none,
+    fail, ///< a call returns HRESULT(value) without doing its work; a callback is given it as its result
+    succeedEmpty, ///< a call returns S_OK with null or zero outputs, its work undone; a callback gets no
+                  ///< object
+    oneLess,      ///< number outputs are one less
+    allOnes,      ///< number outputs are 0xFFFFFFFF
+    zero,         ///< number outputs are 0, the work done
+    value,        ///< number outputs are `value`
+    drop,         ///< a callback never comes
+    delay,        ///< the call or callback first sleeps `value` milliseconds
+};
+
+struct ReferenceDecoderControl {
+    static constexpr uint32_t maximumCallNames = 192;
+    static constexpr uint32_t maximumRecording = 1024;
+    static constexpr uint32_t maximumFaults = 4;
+    static constexpr uint32_t maximumAttributes = 128;
+    static constexpr uint32_t maximumRules = 32;
+
+    /// Counters. `live*` are true at any time; the others count since the session's last reset.
+    struct Account {
+        std::atomic<int64_t> liveReferences; ///< AddRef less Release over all interfaces
+        std::atomic<int64_t> liveObjects;
+        std::atomic<int64_t> liveResources;
+        std::atomic<int64_t> liveResourceBytes;
+        std::atomic<int64_t> peakResourceBytes;
+        std::atomic<int64_t> overReleases;     ///< Release or AddRef on an object already gone
+        std::atomic<int64_t> usesAfterRelease; ///< other calls on an object already gone
+        std::atomic<int64_t> resourceFaults;   ///< released twice, unknown, or named with a wrong type
+        std::atomic<int64_t> badArguments;     ///< other breaches of the contract
+        std::atomic<int64_t> callbackThrows;   ///< exceptions that left a callback
+        std::atomic<int64_t> jobsSubmitted;
+        std::atomic<int64_t> jobsCompleted;
+        std::atomic<int64_t> jobsWithLut;
+        std::atomic<int64_t> statesWithClipAttributes;
+        std::atomic<int64_t> statesWithFrameAttributes;
+        std::atomic<int64_t> loads; ///< of the library; not counted where the decoder is linked in
+        std::atomic<int64_t> unloads;
+        std::atomic<int64_t> unbalancedUnloads;
+        std::atomic<int64_t> faultsFired;
+        std::atomic<int64_t> callerNanoseconds;          ///< in calls on threads that aren't the decoder's
+        std::atomic<int64_t> callbackNanoseconds;        ///< in callbacks, calls made from them included
+        std::atomic<int64_t> callbackLibraryNanoseconds; ///< in calls made from callbacks
+    };
+
+    struct CallName {
+        char text[60];
+        std::atomic<uint32_t> occurrences;
+    };
+
+    struct RecordedCall {
+        uint32_t name;       ///< index into `callNames`
+        uint32_t occurrence; ///< 1 for the first
+    };
+
+    struct Fault {
+        std::atomic<ReferenceDecoderFaultKind> kind;
+        uint32_t name;
+        uint32_t occurrence; ///< 1 for the first since the reset; 0 for every one
+        int64_t value;
+    };
+
+    /// A processing attribute as it was sent, refused ones included.
+    struct SentAttribute {
+        uint32_t code;
+        uint32_t type; ///< VARTYPE
+        double number;
+        wchar_t text[64];
+        int32_t result; ///< HRESULT given
+    };
+
+    /// How an attribute behaves where it shall not behave as usual.
+    struct AttributeRule {
+        uint32_t code;
+        int32_t setResult;
+        int32_t rangeResult;
+        int32_t listResult;
+        uint32_t isReadOnly;
+    };
+
+    Account account;
+
+    std::atomic<uint32_t> namesLock;
+    std::atomic<uint32_t> callNameCount;
+    CallName callNames[maximumCallNames];
+
+    std::atomic<uint32_t> recordedCount; ///< may exceed maximumRecording: calls beyond it aren't kept
+    RecordedCall recording[maximumRecording];
+
+    Fault faults[maximumFaults];
+
+    std::atomic<uint32_t> jobDelayMilliseconds; ///< every job sleeps this long before it runs
+    std::atomic<uint32_t> guardResources; ///< resources end at an inaccessible page, are not reused soon
+    std::atomic<uint32_t> clipsHaveLut;
+
+    std::atomic<uint32_t> sentAttributeCount;
+    SentAttribute sentAttributes[maximumAttributes];
+    std::atomic<uint32_t> ruleCount;
+    AttributeRule rules[maximumRules];
+};
+
+static_assert(std::atomic<int64_t>::is_always_lock_free && std::atomic<uint32_t>::is_always_lock_free);
+
+/// This process's block. The module that asks keeps a view of it until it is unloaded.
+ReferenceDecoderControl& referenceDecoderControl();
+
+/// The index of a call's name in the block, entered if it is new.
+uint32_t referenceDecoderCallName(ReferenceDecoderControl& control, const char* name);

@@ -1,0 +1,34 @@
+// Memory that the library gives out: host buffers, and "device" buffers that only its GPU pipeline and
+// CopyResource may be given. Device memory lies in host memory, so that a CUDA runtime's stand-in can copy
+// it.
+#pragma once
+
+#include "Object.h"
+
+namespace reference {
+
+/// The GPU pipeline's context and command queue, both opaque.
+void* gpuContext();
+void* gpuCommandQueue();
+
+HRESULT createResource(uint64_t bytes, BlackmagicRawResourceType type, void** resource);
+HRESULT releaseResource(void* resource, BlackmagicRawResourceType type);
+
+/// Whether `buffer` can take the bytes as the given kind of memory. Host memory may be the caller's own,
+/// about which nothing is known; device memory must be a resource.
+bool fitsBuffer(const void* buffer, uint64_t bytes, BlackmagicRawResourceType type);
+
+class ResourceManager : public Object<"IBlackmagicRawResourceManager", IBlackmagicRawResourceManager> {
+public:
+    HRESULT STDMETHODCALLTYPE CreateResource(void* context, void* commandQueue, uint32_t sizeBytes,
+                                             BlackmagicRawResourceType type, BlackmagicRawResourceUsage usage,
+                                             void** resource) override;
+    HRESULT STDMETHODCALLTYPE ReleaseResource(void* context, void* commandQueue, void* resource,
+                                              BlackmagicRawResourceType type) override;
+    HRESULT STDMETHODCALLTYPE CopyResource(void* context, void* commandQueue, void* source,
+                                           BlackmagicRawResourceType sourceType, void* destination,
+                                           BlackmagicRawResourceType destinationType, uint32_t sizeBytes,
+                                           BOOL copyAsync) override;
+};
+
+} // namespace reference

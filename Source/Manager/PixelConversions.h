@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 /// `valueCount` 16-bit channels, each to the range 0 to 32768.
 void convertChannels16(void* to, const void* from, std::size_t valueCount) noexcept;
@@ -15,15 +16,17 @@ void convertBgra16(void* to, const void* from, std::size_t count) noexcept;
 /// Float RGB to opaque float ARGB.
 void convertRgbFloatToArgb(void* to, const void* from, std::size_t count) noexcept;
 
-/// Samples one row: the pixel `count` times, each from `columnOffsets` bytes behind `from`.
-using brSampleRow = void (*)(void* to, const void* from, const uint32_t* columnOffsets,
-                             std::size_t count) noexcept;
-void sampleRgba8ToArgb8(void* to, const void* from, const uint32_t* columnOffsets,
-                        std::size_t count) noexcept;
-void sampleRgba16ToArgb16(void* to, const void* from, const uint32_t* columnOffsets,
-                          std::size_t count) noexcept;
-void sampleRgbFloatToArgb(void* to, const void* from, const uint32_t* columnOffsets,
-                          std::size_t count) noexcept;
-void sampleBgra16(void* to, const void* from, const uint32_t* columnOffsets, std::size_t count) noexcept;
-void sample4Bytes(void* to, const void* from, const uint32_t* columnOffsets, std::size_t count) noexcept;
-void sample16Bytes(void* to, const void* from, const uint32_t* columnOffsets, std::size_t count) noexcept;
+/// Which pixels of a source row are sampled.
+struct brColumns {
+    std::vector<uint32_t> offsets; ///< of each sampled pixel behind the row's start, bytes
+    bool everySecond = false;      ///< they lie two pixels apart, all of them
+};
+
+/// Samples one row: as many pixels as there are columns.
+using brSampleRow = void (*)(void* to, const void* from, const brColumns& columns) noexcept;
+void sampleRgba8ToArgb8(void* to, const void* from, const brColumns& columns) noexcept;
+void sampleRgba16ToArgb16(void* to, const void* from, const brColumns& columns) noexcept;
+void sampleRgbFloatToArgb(void* to, const void* from, const brColumns& columns) noexcept;
+void sampleBgra16(void* to, const void* from, const brColumns& columns) noexcept;
+void sample4Bytes(void* to, const void* from, const brColumns& columns) noexcept;
+void sample16Bytes(void* to, const void* from, const brColumns& columns) noexcept;

@@ -428,15 +428,16 @@ constexpr std::byte opaqueAlpha8{255};
 
 /// RGBA becomes ARGB by a shift of one byte: every pixel's alpha slips into its successor's place.
 void copyRowsFlippedAsArgb8(Delivery& delivery) {
-    const uint32_t rows = std::min(delivery.sourceRows, delivery.request.m_height);
+    const uint32_t height = delivery.request.m_processedHeight;
+    const uint32_t rows = std::min(height, delivery.request.m_height);
     const size_t size = std::min(delivery.sourceRowBytes, delivery.rowCapacity);
     if (size == 0)
         return;
-    for (uint32_t y = 0; y < rows; ++y) {
+    // The bottom rows come first, so those that a short source lacks are these.
+    for (uint32_t y = height - std::min(height, delivery.sourceRows); y < rows; ++y) {
         std::byte* to = delivery.row(y);
-        const std::byte* from =
-            delivery.source + (delivery.request.m_processedHeight - 1 - size_t{y}) * delivery.sourceRowBytes;
-        if (!delivery.copy(to + 1, from, size - 1, y == 0))
+        if (!delivery.copy(to + 1, delivery.source + size_t{height - 1 - y} * delivery.sourceRowBytes,
+                           size - 1, y == 0))
             return;
         *to = opaqueAlpha8;
     }
@@ -513,6 +514,22 @@ uint32_t sampleIndex(float position, uint32_t count) {
                                                 : count - 1;
 }
 
+brColumns sampledColumns(const vdBRAW_Request& request, size_t count) {
+    const uint32_t pixelBytes = request.m_resourceBytesPerPixel;
+    brColumns columns;
+    columns.offsets.resize(count);
+    float x = static_cast<float>(request.m_renderRect.left) * request.m_downscaleX;
+    for (uint32_t& offset : columns.offsets) {
+        offset = sampleIndex(x, request.m_processedWidth) * pixelBytes;
+        x += request.m_downscaleX;
+    }
+    columns.everySecond =
+        std::adjacent_find(columns.offsets.begin(), columns.offsets.end(), [&](uint32_t a, uint32_t b) {
+            return b != a + 2 * pixelBytes;
+        }) == columns.offsets.end();
+    return columns;
+}
+
 /// Takes the nearest pixel for each final one. The steps add up in single precision, as hosts that place the
 /// picture do it.
 template <size_t finalPixelBytes, brSampleRow sampleRow>
@@ -527,18 +544,14 @@ void HeavyProcessing_Downscale(Delivery& delivery) {
     }
     if (delivery.sourceRows == 0 || !delivery.fetchToHost())
         return;
-    std::vector<uint32_t> columnOffsets(
-        std::min<size_t>(request.m_width, delivery.rowCapacity / finalPixelBytes));
-    float x = static_cast<float>(rect.left) * request.m_downscaleX;
-    for (uint32_t& offset : columnOffsets) {
-        offset = sampleIndex(x, request.m_processedWidth) * request.m_resourceBytesPerPixel;
-        x += request.m_downscaleX;
-    }
+    const brColumns columns =
+        sampledColumns(request, std::min<size_t>(request.m_width, delivery.rowCapacity / finalPixelBytes));
+    if (columns.offsets.empty())
+        return;
     float y = static_cast<float>(rect.top) * request.m_downscaleY;
     for (uint32_t row = 0; row < request.m_height; ++row) {
         sampleRow(delivery.rowUpwards(row),
-                  delivery.source + sampleIndex(y, delivery.sourceRows) * delivery.sourceRowBytes,
-                  columnOffsets.data(), columnOffsets.size());
+                  delivery.source + sampleIndex(y, delivery.sourceRows) * delivery.sourceRowBytes, columns);
         y += request.m_downscaleY;
     }
 }

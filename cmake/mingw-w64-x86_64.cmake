@@ -10,10 +10,11 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 
 # Without a UTF-8 locale Wine hands programs a question mark for every letter beyond ASCII in their arguments. The
-# overrides keep it from asking for Mono and Gecko, and from writing file associations into the user's own desktop.
+# overrides keep it from asking for Mono and Gecko, from writing file associations into the user's own desktop, and
+# from starting its debugger after a crash, which would then exit with 0.
 find_program(CLIPFORGE_WINE NAMES wine wine64 PATHS /usr/lib/wine)
 if(CLIPFORGE_WINE)
     set(CMAKE_CROSSCOMPILING_EMULATOR
         env LC_ALL=C.UTF-8 WINEPREFIX=${CMAKE_BINARY_DIR}/wineprefix WINEDEBUG=-all
-        WINEDLLOVERRIDES=mscoree,mshtml,winemenubuilder.exe= ${CLIPFORGE_WINE})
+        WINEDLLOVERRIDES=mscoree,mshtml,winemenubuilder.exe,winedbg.exe= ${CLIPFORGE_WINE})
 endif()

@@ -12,16 +12,6 @@
 namespace {
 constexpr uint32_t bytesPerPixel = 4;
 
-/// On the device the decoder works on; without one, on the CPU.
-std::unique_ptr<brBufferManager> createBufferManager() {
-    const vdPipelineDevice onCPU;
-    const auto& chosen = g_manager->m_instance->pipelineDevice;
-    const vdPipelineDevice& device = chosen != nullptr ? *chosen : onCPU;
-    return std::make_unique<brBufferManager>(
-        g_manager->m_resourceManager.Get(), g_manager->m_manualDecoderCPU.Get(),
-        g_manager->m_manualDecoderGPU.Get(), device.resourceType, device.context, device.commandQueue);
-}
-
 /// A DIB section and its pixels, or null. Row and image sizes are 32-bit numbers throughout, so a bitmap that
 /// they cannot tell is refused before GDI is asked for it.
 HBITMAP createDIB(uint32_t width, uint32_t height, void*& pixels) {
@@ -53,7 +43,7 @@ vdStatus vdBRAW_Request_Thumbnail::initThumbnail(const vdBRAW_Clip& clip, const 
     if (scaled.failed)
         return scaled;
 
-    auto bufferManager = createBufferManager();
+    auto bufferManager = g_manager->createBufferManager();
     void* const pixels = createBitmap();
     const vdStatus set =
         setup(clip.m_id, clip.m_frameCount, pixels, static_cast<int32_t>(m_width * bytesPerPixel),

@@ -1,0 +1,237 @@
+// What the decoder is sent of a request's settings, and what becomes of a refusal.
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <wrl/client.h>
+
+#include "Attributes.h"
+#include "AttributesSetter.h"
+#include "LogSession.h"
+#include "ProcessingVocabulary.h"
+#include "ReferenceDecoderSession.h"
+#include "Utils/vdResult.h"
+
+namespace {
+std::string characters(uint32_t code) {
+    std::string text;
+    for (int shift = 24; shift >= 0; shift -= 8)
+        text += static_cast<char>(code >> shift & 0xFF);
+    return text;
+}
+
+template <size_t size>
+void fill(char (&field)[size], std::string_view text) {
+    std::memset(field, 0, size);
+    std::memcpy(field, text.data(), std::min(size, text.size()));
+}
+
+class AttributesSetterTest : public testing::Test {
+protected:
+    AttributesSetterTest() {
+        m_session.reset();
+        // Attach would take a reference of its own with this toolchain's ComPtr.
+        *m_clip.GetAddressOf() = new reference::ClipAttributes(nullptr);
+        *m_frame.GetAddressOf() = new reference::FrameAttributes;
+    }
+    ~AttributesSetterTest() override {
+        m_clip.Reset();
+        m_frame.Reset();
+        EXPECT_TRUE(m_session.account().isClean()) << m_session.account().describe();
+    }
+
+    /// What arrived at the decoder: code, type and value (numbers in thousandths) of each attribute.
+    std::string sent() const {
+        std::string text;
+        for (const ReferenceDecoderAttribute& attribute : m_session.sentAttributes()) {
+            text += characters(attribute.code) + ":" + std::to_string(attribute.type) + "=";
+            text += attribute.type == VT_BSTR ? std::string(attribute.text.begin(), attribute.text.end())
+                                              : std::to_string(std::llround(attribute.number * 1000));
+            text += "|";
+        }
+        return text;
+    }
+    uint32_t asked(const char* operation) const { return m_session.occurrencesOf(operation); }
+
+    ReferenceDecoderSession m_session;
+    Microsoft::WRL::ComPtr<reference::ClipAttributes> m_clip;
+    Microsoft::WRL::ComPtr<reference::FrameAttributes> m_frame;
+};
+
+TEST_F(AttributesSetterTest, ToneCurveGoesOutUnderTheCustomGammaAlone) {
+    brClipProcessingSettings settings;
+    settings.contrast = 0.25f;
+    settings.videoBlackLevel = true;
+    settings.highlightRecovery = true;
+    EXPECT_FALSE(applyClipSettings(m_clip.Get(), settings).failed);
+    EXPECT_EQ(sent(), "csgn:18=4000|gamt:8=Blackmagic Design|gace:18=0|gama:8=Blackmagic Design Film|"
+                      "hlry:18=1000|lutm:8=Disabled|");
+    m_session.reset();
+    fill(settings.gamma, "Blackmagic Design Custom");
+    EXPECT_FALSE(applyClipSettings(m_clip.Get(), settings).failed);
+    EXPECT_EQ(sent(), "csgn:18=4000|gamt:8=Blackmagic Design|gace:18=0|gama:8=Blackmagic Design Custom|"
+                      "tcon:4=250|tsat:4=1000|tmid:4=410|thih:4=1000|tsha:4=1000|twit:4=1000|tblk:4=0|"
+                      "tvbl:18=1000|hlry:18=1000|lutm:8=Disabled|");
+}
+
+TEST_F(AttributesSetterTest, FrameSettingsGoOutInTheirTypes) {
+    const brFrameProcessingSettings settings{.iso = 4000000000u, .tint = -150, .exposure = -1.5f};
+    EXPECT_FALSE(applyFrameSettings(m_frame.Get(), settings).failed);
+    EXPECT_EQ(sent(), "fiso:19=4000000000000|wbkv:19=5500000|wbtn:2=-150000|expo:4=-1500|");
+}
+
+// A field without a terminator must not be read into its neighbour.
+TEST_F(AttributesSetterTest, TextsEndWithTheirField) {
+    brClipProcessingSettings settings;
+    fill(settings.gamut, std::string(64, 'g'));
+    fill(settings.lutMode, std::string(12, 'l'));
+    settings.gamutCompression = true;
+    EXPECT_FALSE(applyClipSettings(m_clip.Get(), settings).failed);
+    EXPECT_NE(sent().find("|gamt:8=" + std::string(63, 'g') + "|"), std::string::npos)
+        << sent(); // records 63
+    EXPECT_NE(sent().find("|lutm:8=llllllllllll|"), std::string::npos) << sent();
+}
+
+// Refusals: by rule of the decoder, and how the appliers end.
+struct Refusal {
+    const char* what;
+    ReferenceDecoderControl::AttributeRule rule; // code, set, range, list, read-only
+    const char* failedName;                      // null: no failure
+    const char* logged;
+};
+
+TEST_F(AttributesSetterTest, ReadOnlyRefusalsPassAndOthersEndTheApplier) {
+    constexpr auto refused = static_cast<int32_t>(E_ACCESSDENIED);
+    constexpr auto unknown = static_cast<int32_t>(E_INVALIDARG);
+    const Refusal refusals[] = {
+        {"clip range says read-only",
+         {blackmagicRawClipToneCurveShadows, refused, 0, unknown, 1},
+         nullptr,
+         "Setting Shadows Attribute failed but normal : parameter is ReadOnly"},
+        {"clip list says read-only",
+         {blackmagicRawClipGamut, refused, unknown, 0, 1},
+         nullptr,
+         "Setting Gamut Attribute failed but normal : parameter is ReadOnly"},
+        {"a positive result is a refusal too",
+         {blackmagicRawClipGamut, S_FALSE, unknown, 0, 1},
+         nullptr,
+         "Setting Gamut Attribute failed but normal : parameter is ReadOnly"},
+        {"clip not read-only", {blackmagicRawClipGamma, refused, unknown, 0, 0}, "Gamma", nullptr},
+        {"clip tells nothing",
+         {blackmagicRawClipHighlightRecovery, refused, unknown, unknown, 1},
+         "Highlight Recovery",
+         "Call to GetClipAttributeRange for Highlight Recovery - IsReadOnly impossible to get : "},
+        {"frame range says read-only",
+         {blackmagicRawFrameWhiteBalanceTint, refused, 0, unknown, 1},
+         nullptr,
+         "Setting Tint Attribute failed but normal : parameter is ReadOnly"},
+        {"frame list says read-only",
+         {blackmagicRawFrameExposure, refused, unknown, 0, 1},
+         nullptr,
+         "Setting Exposure Attribute failed but normal : parameter is ReadOnly"},
+        {"frame not read-only",
+         {blackmagicRawFrameWhiteBalanceKelvin, refused, 0, unknown, 0},
+         "Color Temp",
+         nullptr},
+        {"ISO asks its own list",
+         {blackmagicRawFrameISO, refused, unknown, 0, 1},
+         nullptr,
+         "Setting ISO Attribute failed but normal : parameter is ReadOnly"},
+        {"ISO tells nothing",
+         {blackmagicRawFrameISO, refused, 0, unknown, 1},
+         "ISO",
+         "Call to GetClipAttributeRange for ISO - IsReadOnly impossible to get : "},
+    };
+    brClipProcessingSettings clipSettings;
+    fill(clipSettings.gamma, brCustomGamma);
+    for (const Refusal& refusal : refusals) {
+        SCOPED_TRACE(refusal.what);
+        m_session.reset();
+        m_session.setAttributeRule(refusal.rule);
+        const LogSession log(vdLogLevel::info);
+        vdStatus status = applyClipSettings(m_clip.Get(), clipSettings);
+        if (!status.failed)
+            status = applyFrameSettings(m_frame.Get(), {});
+        const std::string expected = refusal.failedName == nullptr
+                                         ? std::string()
+                                         : "Setting " + std::string(refusal.failedName) +
+                                               " Attribute failed : " + hresultText(E_ACCESSDENIED);
+        EXPECT_EQ(status.text(), expected);
+        const std::string last = characters(refusal.rule.code) + ":";
+        if (refusal.failedName != nullptr) {
+            EXPECT_EQ(sent().rfind(last), sent().rfind('|', sent().size() - 2) + 1) << sent();
+        } else {
+            EXPECT_NE(sent().find("|expo:"), std::string::npos) << sent();
+        }
+        std::string lines;
+        for (const std::string& line : log.lines())
+            lines += line + "\n";
+        if (refusal.logged != nullptr) {
+            EXPECT_NE(lines.find(refusal.logged), std::string::npos) << lines;
+        }
+        if (refusal.rule.code == blackmagicRawFrameISO) {
+            EXPECT_EQ(asked("IBlackmagicRawFrameProcessingAttributes::GetFrameAttributeRange"), 0u);
+        }
+    }
+}
+
+TEST_F(AttributesSetterTest, MissingObjectsAndStringsFail) {
+    EXPECT_EQ(applyClipSettings(nullptr, {}).text(),
+              "Impossible to set Attribute for ColorScience !! Both processingAttr are nullptr");
+    EXPECT_EQ(applyFrameSettings(nullptr, {}).text(),
+              "Impossible to set Attribute for ISO !! Both processingAttr are nullptr");
+    const brAttribute attribute{blackmagicRawClipGamut, blackmagicRawFrameExposure, "Name"};
+    vdStatus status;
+    setAttribute(1.0f, attribute, nullptr, m_frame.Get(), status);
+    setAttribute(uint32_t{1}, attribute, m_clip.Get(), nullptr, status);
+    EXPECT_EQ(status.text(), "Impossible to set Attribute for Name !! Both processingAttr are nullptr");
+    status = {};
+    setAttribute(static_cast<BSTR>(nullptr), attribute, m_clip.Get(), nullptr, status);
+    EXPECT_EQ(status.text(), "Setting Name Attribute failed : " + hresultText(E_OUTOFMEMORY));
+    EXPECT_EQ(sent(), "expo:4=1000|");
+    bool isReadOnly = true;
+    const LogSession log(vdLogLevel::error);
+    EXPECT_EQ(checkAttributeReadOnly(nullptr, nullptr, attribute, isReadOnly), S_OK);
+    EXPECT_FALSE(isReadOnly);
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_NE(log.lines()[0].find("Clip and Frame Processing Attribute are nullptr !!"), std::string::npos);
+}
+
+// Requests are shared between hosts by their settings: equal is what processes alike.
+TEST(ProcessingSettingsTest, ToneCurveCountsUnderTheCustomGammaAlone) {
+    brClipProcessingSettings a;
+    brClipProcessingSettings b;
+    b.shadows = 0.5f;
+    EXPECT_TRUE(sameSettings(a, b));
+    fill(a.gamma, brCustomGamma);
+    fill(b.gamma, brCustomGamma);
+    EXPECT_FALSE(sameSettings(a, b));
+    b.shadows = a.shadows = std::numeric_limits<float>::quiet_NaN();
+    EXPECT_FALSE(sameSettings(a, b));
+    a = b = {};
+    fill(a.lutMode, std::string(12, 'l'));
+    fill(b.lutMode, std::string(12, 'l'));
+    EXPECT_TRUE(sameSettings(a, b));
+    b.lutMode[11] = 'm';
+    EXPECT_FALSE(sameSettings(a, b));
+    const brFrameProcessingSettings frame;
+    EXPECT_TRUE(sameSettings(frame, {.hostNumber = 1, .hostValue = 2}));
+    EXPECT_FALSE(sameSettings(frame, {.tint = 11}));
+}
+
+// Codes are places in the lists, so nothing may move.
+TEST(ProcessingVocabularyTest, NamesStandAtTheirCodes) {
+    EXPECT_EQ(brWhiteBalanceNames[5], "Fluoresent");
+    EXPECT_EQ(brIsoNames[4], "12000");
+    EXPECT_EQ(brGamutNames[1], brGammaNames[8]);
+    EXPECT_EQ(brGammaNames[3], brCustomGamma);
+    for (size_t i = 0; i < brWhiteBalances.size(); ++i)
+        EXPECT_EQ(brWhiteBalances[i].preset, static_cast<int>(i));
+    for (const brParameter& parameter : brParameters)
+        EXPECT_EQ(parameter.kind == brParameterKind::choice, !parameter.choices.empty()) << parameter.name;
+    EXPECT_EQ(brParameters[9].hostFigureA, 8000);
+    EXPECT_EQ(brParameters[11].choices.data(), brGammaNames.data());
+}
+} // namespace

@@ -1,0 +1,107 @@
+// The decode core on the reference decoder in the test's own process. At the end of every test everything
+// that the decoder handed out must have come back.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Manager.h"
+#include "ReferenceDecoder.h"
+#include "ReferenceDecoderSession.h"
+#include "TemporaryFolder.h"
+#include "TestClips.h"
+#include "Utils/vdText.h"
+
+/// A request that counts how often it ends, and on which way.
+class TestRequest : public vdBRAW_Request {
+public:
+    TestRequest() {
+        m_listener = [this](vdBRAW_Request&) { ++told; };
+    }
+    int onProcessComplete() override {
+        ++delivered;
+        return LaunchHeavyProcessing();
+    }
+    void onFinished() override { ++failed; }
+
+    int delivered = 0;
+    int failed = 0;
+    int told = 0;
+    std::vector<uint8_t> pixels; ///< the final image, where the fixture made it
+};
+
+class DecodeCoreTest : public testing::Test {
+protected:
+    void SetUp() override {
+        m_decoder.reset();
+        m_clipFile = TestClip{96, 64};
+        m_clipPath = writeClip("clip.braw", m_clipFile);
+        // The manager judges the library by its file's size; the code itself is linked in.
+        const std::string library = m_folder.text("BlackmagicRawAPI.dll");
+        writeFileBytes(library, {});
+        std::filesystem::resize_file(library, 2'161'112);
+        m_manager = std::make_unique<vdBRAW_Manager>();
+        g_manager = m_manager.get();
+    }
+
+    void TearDown() override {
+        m_decoder.disarm();
+        m_request.reset();
+        m_manager.reset();
+        g_manager = nullptr;
+        const ReferenceDecoderAccount account = m_decoder.account();
+        EXPECT_TRUE(account.isBalanced() && account.isSound()) << account.describe();
+    }
+
+    std::string writeClip(const char* name, const TestClip& clip) {
+        writeTestClip(m_folder.path() / name, clip);
+        return m_folder.text(name);
+    }
+
+    std::unique_ptr<Instance> makeInstance(bool useGpu = false) {
+        auto instance = std::make_unique<Instance>();
+        instance->factory = createReferenceDecoderFactory();
+        instance->isInitialised = true;
+        instance->libraryFolder = vdBstr(utf8ToUtf16(m_folder.text() + "\\"));
+        instance->useGpuPipeline = useGpu;
+        return instance;
+    }
+
+    int init(bool useGpu = false) { return m_manager->init(makeInstance(useGpu)); }
+
+    std::shared_ptr<vdBRAW_Clip> addClip(const std::string& path) {
+        uint64_t id = 0;
+        return m_manager->AddClipIfNew(path, id) == 0 ? m_manager->GetClip(id) : nullptr;
+    }
+
+    /// A request for the whole clip at full size, its final image in its own pixels, rows `padding` bytes
+    /// longer than they need.
+    std::shared_ptr<TestRequest> makeRequest(const vdBRAW_Clip& clip,
+                                             brPixelFormat format = brPixelFormat::BGRA_8_LOW,
+                                             uint32_t padding = 0) {
+        auto request = std::make_shared<TestRequest>();
+        const auto width = static_cast<int32_t>(clip.m_width);
+        const auto height = static_cast<int32_t>(clip.m_height);
+        EXPECT_FALSE(request
+                         ->setScaleAndDimensions(clip, {0, width, clip.m_width}, {0, height, clip.m_height},
+                                                 {0, 0, width, height})
+                         .failed);
+        const uint32_t rowBytes = clip.m_width * pixelFormatBytes(format) + padding;
+        request->pixels.resize(size_t{rowBytes} * clip.m_height);
+        EXPECT_FALSE(request
+                         ->setup(clip.m_id, clip.m_frameCount, request->pixels.data(),
+                                 static_cast<int32_t>(rowBytes), format, m_manager->createBufferManager())
+                         .failed);
+        return request;
+    }
+
+    TemporaryFolder m_folder;
+    TestClip m_clipFile;
+    std::string m_clipPath;
+    ReferenceDecoderSession m_decoder;
+    std::unique_ptr<vdBRAW_Manager> m_manager;
+    std::shared_ptr<TestRequest> m_request;
+};

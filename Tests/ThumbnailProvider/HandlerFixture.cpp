@@ -1,0 +1,134 @@
+#include "HandlerFixture.h"
+
+namespace {
+const auto untouchedBitmap = reinterpret_cast<HBITMAP>(UINT_PTR{0x5A5A});
+constexpr auto untouchedAlpha = static_cast<WTS_ALPHATYPE>(3);
+
+/// Nobody has the file open: it could be deleted now.
+bool isFree(const std::wstring& path) {
+    const HANDLE file =
+        CreateFileW(path.c_str(), GENERIC_READ | DELETE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return false;
+    CloseHandle(file);
+    return true;
+}
+} // namespace
+
+std::filesystem::path productFolder(const char* name) {
+    wchar_t program[MAX_PATH];
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    return (std::filesystem::path(program).parent_path() / CLIPFORGE_PRODUCTS / name).lexically_normal();
+}
+
+HandlerModule::HandlerModule(const std::filesystem::path& file)
+    : m_module(LoadLibraryExW(file.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH)) {
+    EXPECT_TRUE(isLoaded()) << file << ": error " << GetLastError();
+}
+
+HandlerModule::~HandlerModule() {
+    if (m_module != nullptr)
+        FreeLibrary(m_module);
+}
+
+HRESULT HandlerModule::getClassObject(REFCLSID classId, REFIID interfaceId, void** object) const {
+    const auto function = reinterpret_cast<HRESULT(WINAPI*)(REFCLSID, REFIID, void**)>(
+        reinterpret_cast<void*>(GetProcAddress(m_module, "DllGetClassObject")));
+    return function(classId, interfaceId, object);
+}
+
+HRESULT HandlerModule::call(const char* name) const {
+    return reinterpret_cast<HRESULT(WINAPI*)()>(reinterpret_cast<void*>(GetProcAddress(m_module, name)))();
+}
+
+ComPtr<IClassFactory> HandlerModule::factory() const {
+    ComPtr<IClassFactory> factory;
+    EXPECT_RESULT(S_OK, getClassObject(CLSID_ClipforgeThumbnails, IID_IClassFactory,
+                                       reinterpret_cast<void**>(factory.GetAddressOf())));
+    return factory;
+}
+
+ComPtr<IInitializeWithFile> HandlerModule::provider() const {
+    ComPtr<IInitializeWithFile> provider;
+    EXPECT_RESULT(S_OK, factory()->CreateInstance(nullptr, IID_IInitializeWithFile,
+                                                  reinterpret_cast<void**>(provider.GetAddressOf())));
+    return provider;
+}
+
+const uint8_t* Answer::pixel(int x, int y) const {
+    DIBSECTION section{};
+    GetObjectW(bitmap.get(), sizeof section, &section);
+    return static_cast<const uint8_t*>(section.dsBm.bmBits) + 4 * ((size.cy - 1 - y) * size.cx + x);
+}
+
+void HandlerTest::SetUp() {
+    m_decoder.reset();
+    m_gdiObjects = countGdiObjects();
+    load(productFolder("bin"));
+}
+
+void HandlerTest::TearDown() {
+    if (m_handler) {
+        EXPECT_RESULT(S_OK, m_handler->canUnloadNow());
+    }
+    m_handler.reset();
+    EXPECT_EQ(nullptr, GetModuleHandleW(L"Clipforge_Thumbnails.dll"));
+    expectNothingLeft({});
+    m_decoder.disarm();
+}
+
+void HandlerTest::load(const std::filesystem::path& folder) {
+    m_handler.reset();
+    m_handler = std::make_unique<HandlerModule>(folder / "Clipforge_Thumbnails.dll");
+    ASSERT_TRUE(m_handler->isLoaded());
+}
+
+Answer HandlerTest::ask(const std::optional<std::wstring>& path, UINT size) {
+    const bool wasFree = path && isFree(*path);
+    const ComPtr<IInitializeWithFile> provider = m_handler->provider();
+    if (path) {
+        EXPECT_RESULT(S_OK, provider->Initialize(path->c_str(), STGM_READ));
+    }
+    Answer answer = ask(provider.Get(), size);
+    EXPECT_TRUE(!wasFree || isFree(*path)) << "the clip is still open";
+    return answer;
+}
+
+Answer HandlerTest::ask(IInitializeWithFile* file, UINT size) {
+    ComPtr<IThumbnailProvider> provider;
+    EXPECT_RESULT(S_OK, file->QueryInterface(IID_PPV_ARGS(&provider)));
+    Answer answer;
+    HBITMAP bitmap = untouchedBitmap;
+    answer.alpha = untouchedAlpha;
+    answer.result = provider->GetThumbnail(size, &bitmap, &answer.alpha);
+    answer.bitmapUntouched = bitmap == untouchedBitmap;
+    answer.alphaUntouched = answer.alpha == untouchedAlpha;
+    if (!answer.bitmapUntouched)
+        *answer.bitmap.put() = bitmap;
+    EXPECT_EQ(answer.result == S_OK, answer.bitmap.get() != nullptr) << Result{answer.result};
+    if (DIBSECTION section{}; answer.bitmap.get() != nullptr) {
+        EXPECT_TRUE(isThumbnailBitmap(answer.bitmap.get(), section));
+        answer.size = {section.dsBmih.biWidth, section.dsBmih.biHeight};
+    }
+    expectNothingLeft(answer);
+    return answer;
+}
+
+void HandlerTest::expectNothingLeft(const Answer& answer) {
+    const ReferenceDecoderAccount account = m_decoder.account();
+    EXPECT_TRUE(m_faultsArmed ? account.isBalanced() && account.isSound() : account.isClean())
+        << account.describe();
+    EXPECT_EQ(nullptr, GetModuleHandleW(L"BlackmagicRawAPI.dll"));
+    EXPECT_EQ(m_gdiObjects + (answer.bitmap.get() != nullptr ? 1 : 0), countGdiObjects());
+}
+
+std::wstring writeClip(const std::filesystem::path& path, const TestPicture& picture) {
+    std::string bytes =
+        "P6\n" + std::to_string(picture.width) + " " + std::to_string(picture.height) + "\n255\n";
+    for (uint32_t y = 0; y < picture.height; ++y)
+        for (uint32_t x = 0; x < picture.width; ++x)
+            for (uint32_t channel = 0; channel < 3; ++channel)
+                bytes.push_back(static_cast<char>(TestPicture::value(x, y, channel)));
+    writeFileBytes(path, bytes);
+    return path.wstring();
+}

@@ -1,0 +1,105 @@
+// The handler library as the shell uses it: loaded by path, asked through COM. After every question the
+// fixture looks whether anything was left behind.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <propsys.h>
+#include <thumbcache.h>
+#include <windows.h>
+#include <wrl/client.h>
+
+#include "GdiObjects.h"
+#include "HandlerHost.h"
+#include "ReferenceDecoderSession.h"
+#include "TemporaryFolder.h"
+
+using Microsoft::WRL::ComPtr;
+
+/// The folder of a build of the handler: "bin" or "logging".
+std::filesystem::path productFolder(const char* name);
+
+/// A failed comparison prints the code as people look it up.
+struct Result {
+    HRESULT code;
+    bool operator==(const Result&) const = default;
+    friend std::ostream& operator<<(std::ostream& stream, Result result) {
+        return stream << "0x" << std::hex << static_cast<unsigned long>(result.code) << std::dec;
+    }
+};
+#define EXPECT_RESULT(expected, actual) EXPECT_EQ(Result{expected}, Result{actual})
+#define ASSERT_RESULT_OK(actual) ASSERT_EQ(Result{S_OK}, Result{actual})
+
+/// The loaded library with its exports. Unloaded at the end whatever it says.
+class HandlerModule {
+public:
+    explicit HandlerModule(const std::filesystem::path& file);
+    ~HandlerModule();
+    HandlerModule(const HandlerModule&) = delete;
+    HandlerModule& operator=(const HandlerModule&) = delete;
+
+    bool isLoaded() const { return m_module != nullptr; }
+    HRESULT getClassObject(REFCLSID classId, REFIID interfaceId, void** object) const;
+    HRESULT canUnloadNow() const { return call("DllCanUnloadNow"); }
+    HRESULT registerServer() const { return call("DllRegisterServer"); }
+    HRESULT unregisterServer() const { return call("DllUnregisterServer"); }
+    ComPtr<IClassFactory> factory() const;
+    ComPtr<IInitializeWithFile> provider() const;
+
+private:
+    HRESULT call(const char* name) const;
+    HMODULE m_module;
+};
+
+/// What GetThumbnail gave. The places it writes to held something recognisable before.
+struct Answer {
+    HRESULT result = E_FAIL;
+    bool bitmapUntouched = false;
+    bool alphaUntouched = false;
+    WTS_ALPHATYPE alpha = WTSAT_UNKNOWN;
+    OwnedBitmap bitmap;
+    SIZE size{};
+
+    /// Blue, green, red and alpha of a pixel, counted from the picture's top left.
+    const uint8_t* pixel(int x, int y) const;
+};
+
+class HandlerTest : public testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    /// Loads the handler from another folder; the default is the product's.
+    void load(const std::filesystem::path& folder);
+    /// One thumbnail from a new provider; no path means that none is given to it.
+    Answer ask(const std::optional<std::wstring>& path, UINT size);
+    /// GetThumbnail of a provider at hand.
+    Answer ask(IInitializeWithFile* provider, UINT size);
+    void expectNothingLeft(const Answer& answer);
+
+    TemporaryFolder m_folder;
+    ReferenceDecoderSession m_decoder;
+    std::unique_ptr<HandlerModule> m_handler;
+    bool m_faultsArmed = false; ///< the decoder lies: breaches that follow from that are not counted
+
+private:
+    uint32_t m_gdiObjects = 0;
+};
+
+/// A test picture: no symmetry, no channel like another.
+struct TestPicture {
+    uint32_t width;
+    uint32_t height;
+    static uint8_t value(uint32_t x, uint32_t y, uint32_t channel) {
+        constexpr uint32_t column[] = {5, 11, 3}, row[] = {7, 2, 13};
+        return static_cast<uint8_t>(column[channel] * x + row[channel] * y + 60 * channel + ((x * y) >> 3));
+    }
+};
+
+/// Writes a clip of one such frame. Gives its path.
+std::wstring writeClip(const std::filesystem::path& path, const TestPicture& picture);

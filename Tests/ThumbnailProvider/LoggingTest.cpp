@@ -1,0 +1,217 @@
+// The variant with the handler logging switch on: its log tells the whole road of a thumbnail.
+#include <algorithm>
+#include <sstream>
+#include <string_view>
+#include <vector>
+
+#include "EnvironmentVariable.h"
+#include "HandlerFixture.h"
+
+namespace {
+/// A star stands for any text, or none.
+bool matches(std::string_view pattern, std::string_view text) {
+    const size_t star = pattern.find('*');
+    if (star == std::string_view::npos)
+        return pattern == text;
+    if (!text.starts_with(pattern.substr(0, star)))
+        return false;
+    for (size_t i = star; i <= text.size(); ++i)
+        if (matches(pattern.substr(star + 1), text.substr(i)))
+            return true;
+    return false;
+}
+
+class HandlerLog : public HandlerTest {
+protected:
+    void SetUp() override {
+        HandlerTest::SetUp();
+        m_product = m_folder.path() / "AppData" / "Roaming" / "Verdane" / "Clipforge";
+        std::filesystem::create_directories(m_product);
+        m_clip = writeClip(m_folder.path() / "clip.braw", {64, 32});
+        load(productFolder("logging"));
+    }
+    void setLevel(const std::string& level) {
+        writeFileBytes(m_product / "Clipforge_options.ini", "[General]\nlogging = " + level + "\n");
+    }
+    bool logExists() const { return std::filesystem::exists(m_product / "Logs" / "BRAW_Thumbnail.log"); }
+
+    /// The lines after the header as "LEVEL|file| function|message"; a message's further lines as they are.
+    std::vector<std::string> logLines() const {
+        std::istringstream stream(readFileBytes(m_product / "Logs" / "BRAW_Thumbnail.log"));
+        std::vector<std::string> lines;
+        int rules = 0;
+        for (std::string line; std::getline(stream, line);) {
+            EXPECT_EQ('\r', line.back()) << "lines end as Windows ends them";
+            line.pop_back();
+            if (rules < 2) {
+                rules += line == std::string(68, '-');
+                continue;
+            }
+            size_t fields[5];
+            size_t count = 0;
+            for (size_t at = line.find('|'); at != line.npos && count < 5; at = line.find('|', at + 1))
+                fields[count++] = at;
+            const bool isStart = count == 5 && std::isdigit(static_cast<unsigned char>(line[0]));
+            lines.push_back(isStart ? line.substr(fields[0] + 1, fields[1] - fields[0]) +
+                                          line.substr(fields[3] + 1)
+                                    : line);
+        }
+        return lines;
+    }
+
+    std::filesystem::path m_product;
+    std::wstring m_clip;
+
+private:
+    EnvironmentVariable m_profile{L"USERPROFILE", m_folder.path().c_str()};
+};
+
+constexpr const char* wholeRoad[] = {
+    // The provider is created and told its clip.
+    "INFO|BRThumbnailProv| AddRef|CClipforgeThumbProvider AddRef !",
+    "INFO|BRThumbnailProv| CRecipeThumbProvider_CreateInstance|  - Returning 0",
+    "INFO|BRThumbnailProv| Initialize|Initialize !",
+    "INFO|BRThumbnailProv| Initialize|  - called with : *\\clip.braw",
+    "INFO|BRThumbnailProv| Initialize|  - Filepath Test :",
+    "INFO|BRThumbnailProv| Initialize|  - Filepath with UTF16ToWString call : *\\clip.braw",
+    "INFO|BRThumbnailProv| Initialize|  - Exists : True",
+    "INFO|BRThumbnailProv| Initialize|  - Readable : True",
+    "INFO|BRThumbnailProv| Initialize|  - Test wfopen : OK",
+    "INFO|BRThumbnailProv| Initialize|  - Returning 0",
+    "INFO|BRThumbnailProv| AddRef|CClipforgeThumbProvider AddRef !",
+    "INFO|BRThumbnailProv| GetThumbnail|Getting Thumbnail with size 16",
+    // The decode core comes up.
+    "INFO|brThumbnailGene| initBMIfNeeded|Initializing BMD Lib",
+    "INFO|BlackmagicRawAP| TryLoadBlackmagicRawAPI|Module Filename : *ThumbnailProviderTests.exe",
+    "INFO|BlackmagicRawAP| TryLoadBlackmagicRawAPI|Should release Other Dlls : 1",
+    "INFO|BlackmagicRawAP| TryLoadBlackmagicRawAPI|Manualyy Loaded DLL success !",
+    "INFO|Instance       | tryToInitBM|Succeeded in creating IBlackmagicRawFactory with this path *\\",
+    "INFO|Instance       | isTheDllLastVersion|Dll Filesize : 2161112",
+    "INFO|Instance       | initPipeline|Initializing Pipeline",
+    "INFO|Instance       | initPipeline|-- New Pipeline : CUDA",
+    "INFO|Instance       | initPipeline|-- New Pipeline : CPU",
+    "INFO|Instance       | initPipeline|- Pipeline Infos : *",
+    "    - Instruction set : *",
+    "    - Device Index : 0",
+    "    - Interop : None",
+    "    - Name : Reference CPU",
+    "    - Pipeline Name : CPU",
+    "",
+    "INFO|Instance       | initPipeline|Replacing old pipeline with new one created",
+    "INFO|Manager        | logCodecConfiguration|Thread : ",
+    "    - Count : *",
+    "    - MaxCount : *",
+    "Pipeline supported : ",
+    "    - CPU : 1",
+    "    - CUDA : 1",
+    "    - METAL : 0",
+    "    - OPENCL : 0",
+    "General Infos : ",
+    "    - Current Pipeline : CPU",
+    "    - WriteMetadataPerFrame : 0",
+    "    - Version : *",
+    "    - Camera Supported Version : *",
+    // The clip is opened.
+    "INFO|Manager        | AddClipIfNew|Calling AddClipIfNew with path : *\\clip.braw",
+    "INFO|Manager        | AddClipIfNew|Clip has not been found : need to add it",
+    "INFO|Manager        | AddClip|Calling AddClip",
+    "INFO|Manager        | AddClip|Opening new clip",
+    "INFO|Manager        | createGeometryForClip|Opening Clip with Flip Vertical",
+    "INFO|Clip           | openAndInit|Initializing Clip : 0",
+    "INFO|Clip           | openAndInit|Resolutions found : 4",
+    "INFO|Clip           | openAndInit|    - 64x32",
+    "INFO|Clip           | openAndInit|    - 32x16",
+    "INFO|Clip           | openAndInit|    - 16x8",
+    "INFO|Clip           | openAndInit|    - 8x4",
+    "INFO|Manager        | AddClip|New Clip from *\\clip.braw initialized with ID #0",
+    "INFO|Manager        | AddClip|Number of clips in memory : 1",
+    // The request is set up, submitted, and carried through its three jobs.
+    "INFO|Request        | setScaleAndDimensions|[Q-1C*#0I0] Dimensions - In 32x16 - Full 64x32 - Scale half "
+    "- "
+    "Downscale 0",
+    "INFO|Request        | setup|[Q-1C0#0I0] Request Setup - Frame 0 / 1 - Format BGRA_8_LOW - GPU : 0 - "
+    "Enable : 1",
+    "INFO|brBufferManager| *|[Q-1C0#0I0]  - Processed Buffer should not be released",
+    "INFO|brBufferManager| createReadJob|[Q-1C0#0I0]  - bitStreamSizeBytes : *",
+    "INFO|brBufferManager| *|[Q-1C0#0I0]  - Allocating New Buffer for m_bitStream - Previous Size : 0",
+    "INFO|Manager        | AddProcessFrameAsync|[Q-1C0#0I0] Submitting Job",
+    "INFO|Callback       | ReadComplete|[Q-1C0#0I0] ReadComplete  dt * us",
+    "INFO|brBufferManager| populateFrameStateBuffer|[Q-1C0#0I0]  - frameStateSizeBytes : *",
+    "INFO|brBufferManager| *|[Q-1C0#0I0]  - Allocating New Buffer for m_frameState - Previous Size : 0",
+    "INFO|brBufferManager| createDecodeJob|[Q-1C0#0I0]  - decodedBufferSizeBytes : *",
+    "INFO|brBufferManager| *|[Q-1C0#0I0]  - Allocating New Buffer for m_decodedBuffer - PreviousSize : 0",
+    "INFO|Callback       | DecodeComplete|Callback DecodeComplete called",
+    "INFO|Callback       | DecodeComplete|[Q-1C0#0I0] DecodeComplete dt * us",
+    "INFO|brBufferManager| createProcessJob|[Q-1C0#0I0]  - CPU processedBufferSizeBytes : 2048",
+    "INFO|Callback       | ProcessComplete|[Q-1C0#0I0] ProcessComplete  dt * us",
+    "INFO|Manager        | FindInQueue|[Q-1C0#0I0] RC 0, DPC 0, IPC 0, sz 1 Found: 1 "
+    "foundButStillProcessing: 0",
+    "INFO|Manager        | FindInQueue|[Q-1C0#0I0] Removed Queue, sizes 1,0",
+    "INFO|brThumbnailGene| generateThumbnailImageBuffer|Success : Filling final buffer pointer result",
+    // All is taken down again.
+    "INFO|Clip           | Close|[C0]Closing Clip",
+    "INFO|brThumbnailGene| releaseBMD|Releasing Global Manager",
+    "INFO|Manager        | Release|Releasing Global Manager",
+    "INFO|Instance       | Release|Releasing BMD Libs Win",
+    "INFO|Instance       | Release|BMD Libs Released",
+    "INFO|BRThumbnailProv| GetThumbnail|End of getting Thumbnail - Returning 0",
+    "INFO|BRThumbnailProv| Release|Cref == 0 => Deleting CClipforgeThumbProvider",
+    "INFO|BRThumbnailProv| ~CClipforgeThumbProvider|CClipforgeThumbProvider Released !",
+};
+
+TEST_F(HandlerLog, TellsTheWholeRoad) {
+    setLevel("ERR"); // whichever level is named, information lines and worse are written
+    EXPECT_RESULT(S_OK, ask(m_clip, 16).result);
+    const std::vector<std::string> lines = logLines();
+    for (size_t i = 0; i < std::min(lines.size(), std::size(wholeRoad)); ++i)
+        ASSERT_TRUE(matches(wholeRoad[i], lines[i])) << "line " << i << " is\n"
+                                                     << lines[i] << "\nand should be\n"
+                                                     << wholeRoad[i];
+    EXPECT_EQ(std::size(wholeRoad), lines.size());
+}
+
+TEST_F(HandlerLog, TellsWhatWentWrong) {
+    setLevel("INFO");
+    const auto missing = (m_folder.path() / "missing.braw").wstring();
+    EXPECT_RESULT(E_FAIL, ask(missing, 16).result);
+    EXPECT_RESULT(E_FAIL, ask(m_clip, 0).result);
+    EXPECT_RESULT(E_UNEXPECTED, m_handler->provider()->Initialize(nullptr, 0));
+    constexpr const char* told[] = {
+        "INFO|BRThumbnailProv| Initialize|  - Exists : False",
+        "INFO|BRThumbnailProv| Initialize|  - Readable : False",
+        "WARN|BRThumbnailProv| Initialize|  - Test wfopen : #2 - *",
+        "ERR|Manager        | AddClip|Error while Opening and Initializing Clip : *",
+        "INFO|BRThumbnailProv| GetThumbnail|End of getting Thumbnail - Returning -2147467259",
+        "ERR|Request        | setScaleAndDimensions|*setScaleAndDimensions - downscale num is 0 !",
+        "ERR|brThumbnailGene| *|Something went wrong !! Returning Error",
+        "ERR|BRThumbnailProv| Initialize|  - called with NULL filepath ..",
+        "INFO|BRThumbnailProv| Initialize|  - Returning -2147418113",
+    };
+    const std::vector<std::string> lines = logLines(); // of both providers: the second must not start it anew
+    auto from = lines.begin();
+    for (const char* pattern : told) {
+        const auto found =
+            std::find_if(from, lines.end(), [&](const auto& line) { return matches(pattern, line); });
+        EXPECT_NE(lines.end(), found) << pattern;
+        if (found != lines.end())
+            from = found + 1;
+    }
+}
+
+TEST_F(HandlerLog, StaysOffUnlessTheSettingsNameALevel) {
+    EXPECT_RESULT(S_OK, ask(m_clip, 16).result);
+    setLevel("DESACTIVATED");
+    EXPECT_RESULT(S_OK, ask(m_clip, 16).result);
+    EXPECT_FALSE(logExists());
+    setLevel("TRACE");
+    EXPECT_RESULT(S_OK, ask(m_clip, 16).result);
+    EXPECT_TRUE(logExists()) << "the settings are read for each provider";
+}
+
+TEST_F(HandlerLog, WhatUsersGetWritesNone) {
+    setLevel("TRACE");
+    load(productFolder("bin"));
+    EXPECT_RESULT(S_OK, ask(m_clip, 16).result);
+    EXPECT_FALSE(std::filesystem::exists(m_product / "Logs"));
+}
+} // namespace

@@ -1,5 +1,5 @@
 // Frames placed in larger pictures: in the middle, of the same shape, evenly scaled, and within their bounds.
-#include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -25,59 +25,28 @@ TEST(FramePlacement, FitsAndCentres) {
     } cases[] = {
         {{16, 9}, {160, 160}, {0, 35, 160, 90}},
         {{9, 16}, {160, 160}, {35, 0, 90, 160}},
-        {{7, 7}, {160, 160}, {0, 0, 160, 160}},
-        {{1000, 1}, {10, 10}, {0, 4, 10, 1}}, // never thinner than a pixel
-        {{1, 65535}, {10, 10}, {4, 0, 1, 10}},
+        {{1000, 1}, {10, 10}, {0, 4, 10, 1}},                   // never thinner than a pixel
         {{65535, 65535}, {23170, 23170}, {0, 0, 23170, 23170}}, // products beyond 32 bits
         {{3, 2}, {4, 4}, {0, 0, 4, 3}},
     };
     for (const auto& [frame, picture, expected] : cases) {
         const brPlacement place = fitFrame(frame[0], frame[1], picture[0], picture[1]);
         SCOPED_TRACE(testing::Message() << frame[0] << " x " << frame[1]);
-        EXPECT_EQ(expected.left, place.left);
-        EXPECT_EQ(expected.top, place.top);
-        EXPECT_EQ(expected.width, place.width);
-        EXPECT_EQ(expected.height, place.height);
+        EXPECT_EQ(0, std::memcmp(&expected, &place, sizeof place)) << place.left << " " << place.top;
     }
-}
-
-TEST(FramePlacement, AtTheFramesOwnSizeEveryPixelIsKept) {
-    std::vector<uint32_t> frame(7 * 5);
-    for (size_t i = 0; i < frame.size(); ++i)
-        frame[i] = static_cast<uint32_t>(0x9E3779B9u * (i + 1));
-    const auto picture = place(frame, 7, 7, 9);
-    for (size_t i = 0; i < picture.size(); ++i)
-        EXPECT_EQ(i < 14 || i >= 49 ? marker : frame[i - 14], picture[i]) << i;
 }
 
 TEST(FramePlacement, AnEvenColourStaysExactlyThatColour) {
     // Weights that do not add up to 1 would darken it, and most visibly its opaque alpha.
     for (const uint32_t side : {1u, 2u, 3u, 10u, 97u})
-        for (const uint32_t size : {1u, 5u, 96u, 98u, 333u}) {
-            const auto picture =
-                place(std::vector<uint32_t>(size_t{side} * side, 0xFF01FE80u), side, size, size);
-            for (const uint32_t pixel : picture)
-                ASSERT_EQ(0xFF01FE80u, pixel) << side << " to " << size;
-        }
-}
-
-TEST(FramePlacement, MirroredFramesGiveMirroredPictures) {
-    // A sample position that is off by half a pixel shifts the picture to one side.
-    constexpr uint32_t width = 13, scaled = 39;
-    std::vector<uint32_t> frame(width), mirrored(width);
-    for (uint32_t x = 0; x < width; ++x)
-        frame[x] = mirrored[width - 1 - x] = (x * 97 % 256) << 8 | (x * x % 256);
-    const auto a = place(frame, width, scaled, 3), b = place(mirrored, width, scaled, 3);
-    for (size_t y = 0; y < 3; ++y)
-        for (size_t x = 0; x < scaled; ++x)
-            for (int shift = 0; shift < 32; shift += 8) {
-                const int left = a[y * scaled + x] >> shift & 255;
-                const int right = b[y * scaled + scaled - 1 - x] >> shift & 255;
-                ASSERT_NEAR(left, right, 1) << x;
-            }
+        for (const uint32_t size : {1u, 5u, 96u, 98u, 333u})
+            ASSERT_EQ(std::vector(size_t{size} * size, 0xFF01FE80u),
+                      place(std::vector(size_t{side} * side, 0xFF01FE80u), side, size, size));
 }
 
 TEST(FramePlacement, EnlargingIsBilinearAndShrinkingAveragesAll) {
+    // In the middle, and nothing around it is touched.
+    EXPECT_EQ((std::vector<uint32_t>{marker, marker, 1, 2, marker, marker}), place({1, 2}, 2, 2, 3));
     const auto ramp = place({0, 100}, 2, 4, 2); // positions -1/4, 1/4, 3/4, 5/4 between the two
     EXPECT_EQ((std::vector<uint32_t>{0, 25, 75, 100}), std::vector<uint32_t>(ramp.begin(), ramp.begin() + 4));
 

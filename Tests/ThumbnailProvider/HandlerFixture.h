@@ -18,6 +18,7 @@
 #include "HandlerHost.h"
 #include "ReferenceDecoderSession.h"
 #include "TemporaryFolder.h"
+#include "TestClips.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -33,17 +34,15 @@ struct Result {
     }
 };
 #define EXPECT_RESULT(expected, actual) EXPECT_EQ(Result{expected}, Result{actual})
-#define ASSERT_RESULT_OK(actual) ASSERT_EQ(Result{S_OK}, Result{actual})
 
 /// The loaded library with its exports. Unloaded at the end whatever it says.
 class HandlerModule {
 public:
     explicit HandlerModule(const std::filesystem::path& file);
-    ~HandlerModule();
+    ~HandlerModule() { FreeLibrary(m_module); }
     HandlerModule(const HandlerModule&) = delete;
     HandlerModule& operator=(const HandlerModule&) = delete;
 
-    bool isLoaded() const { return m_module != nullptr; }
     HRESULT getClassObject(REFCLSID classId, REFIID interfaceId, void** object) const;
     HRESULT canUnloadNow() const { return call("DllCanUnloadNow"); }
     HRESULT registerServer() const { return call("DllRegisterServer"); }
@@ -59,9 +58,7 @@ private:
 /// What GetThumbnail gave. The places it writes to held something recognisable before.
 struct Answer {
     HRESULT result = E_FAIL;
-    bool bitmapUntouched = false;
-    bool alphaUntouched = false;
-    WTS_ALPHATYPE alpha = WTSAT_UNKNOWN;
+    bool isUntouched = false; ///< the places to write to: either both or none
     OwnedBitmap bitmap;
     SIZE size{};
 
@@ -76,11 +73,16 @@ protected:
 
     /// Loads the handler from another folder; the default is the product's.
     void load(const std::filesystem::path& folder);
+    std::wstring inside(const wchar_t* name) { return (m_folder.path() / name).wstring(); }
+    std::wstring writeClip(const TestClip& clip = {64, 32}, const wchar_t* name = L"clip.braw") {
+        writeTestClip(inside(name), clip);
+        return inside(name);
+    }
     /// One thumbnail from a new provider; no path means that none is given to it.
-    Answer ask(const std::optional<std::wstring>& path, UINT size);
+    Answer ask(const std::optional<std::wstring>& path, UINT size = 16);
     /// GetThumbnail of a provider at hand.
-    Answer ask(IInitializeWithFile* provider, UINT size);
-    void expectNothingLeft(const Answer& answer);
+    Answer ask(IInitializeWithFile* provider, UINT size = 16);
+    void expectNothingLeft(uint32_t bitmaps);
 
     TemporaryFolder m_folder;
     ReferenceDecoderSession m_decoder;
@@ -90,16 +92,3 @@ protected:
 private:
     uint32_t m_gdiObjects = 0;
 };
-
-/// A test picture: no symmetry, no channel like another.
-struct TestPicture {
-    uint32_t width;
-    uint32_t height;
-    static uint8_t value(uint32_t x, uint32_t y, uint32_t channel) {
-        constexpr uint32_t column[] = {5, 11, 3}, row[] = {7, 2, 13};
-        return static_cast<uint8_t>(column[channel] * x + row[channel] * y + 60 * channel + ((x * y) >> 3));
-    }
-};
-
-/// Writes a clip of one such frame. Gives its path.
-std::wstring writeClip(const std::filesystem::path& path, const TestPicture& picture);

@@ -1,5 +1,6 @@
 // How the processed image gets into the bitmap where the decoder has not written it there itself.
 #include <cstring>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -20,9 +21,7 @@ protected:
         request.m_hBitmap = CreateDIBSection(nullptr, &info, DIB_RGB_COLORS, &pixels, nullptr, 0);
         ASSERT_NE(nullptr, pixels);
         bits = static_cast<uint8_t*>(pixels);
-        for (size_t i = 0; i < image.size(); ++i)
-            image[i] = static_cast<uint8_t>(i + 1);
-
+        std::iota(image.begin(), image.end(), uint8_t{1});
         request.m_width = request.m_processedWidth = width;
         request.m_height = request.m_processedHeight = height;
         request.m_pixelFormat = brPixelFormat::BGRA_8_LOW;
@@ -31,10 +30,7 @@ protected:
         buffers().m_finalImageBuffer = bits;
         buffers().m_processedBuffer = {brBuffer::Side::host, bitmapBytes, image.data()};
     }
-    void TearDown() override {
-        if (request.m_bufferManager)
-            buffers().m_processedBuffer = {}; // the test's own
-    }
+    void TearDown() override { buffers().m_processedBuffer = {}; } // the test's own
     brBufferManager& buffers() { return *request.m_bufferManager; }
     void onDevice(BlackmagicRawResourceType type) {
         buffers().m_isGPU = true;
@@ -81,27 +77,22 @@ TEST_F(Delivery, LeavesAloneWhatIsThereOrGoesNowhere) {
     EXPECT_EQ(0u, request.m_errorCode);
 }
 
-TEST_F(Delivery, RefusesAMissingImage) {
-    buffers().m_processedBuffer.resource = nullptr;
+TEST_F(Delivery, SaysWhatCannotBeDelivered) {
+    void* const resource = std::exchange(buffers().m_processedBuffer.resource, nullptr);
     expectError("m_processedBuffer is nullptr");
-}
-
-TEST_F(Delivery, RefusesRowsOfAnotherLength) {
+    buffers().m_processedBuffer.resource = resource;
     std::swap(request.m_processedWidth, request.m_processedHeight);
     expectError("The processed image has not the size of the HBitmap");
-}
-
-TEST_F(Delivery, RefusesAFrameLargerThanItsBuffer) {
     request.m_isOver = true;
     request.m_processedWidth = request.m_processedHeight = 65536; // 0 bytes in 32 bits
     expectError("The processed buffer does not hold the processed image");
-}
-
-TEST_F(Delivery, SaysWhyADeviceCouldNotBeRead) {
     onDevice(blackmagicRawResourceTypeBufferOpenCL);
-    expectError("Error while converting processed buffer to CPU : Not Implemented");
-    request.m_isOver = true;
-    expectError("Error while converting processed buffer to CPU : Not Implemented");
+    request.m_processedWidth = width;
+    request.m_processedHeight = height;
+    for (const bool isOver : {false, true}) {
+        request.m_isOver = isOver;
+        expectError("Error while converting processed buffer to CPU : Not Implemented");
+    }
 }
 
 TEST_F(Delivery, FetchesFromTheDeviceNoMoreThanTheBitmapHolds) {

@@ -36,18 +36,13 @@ public:
     std::vector<std::string> lines() const { return split(readFileBytes(logPath()).substr(m_headerSize)); }
 
 private:
-    /// A line that does not end in CR LF keeps a "!" to fail comparisons by.
-    static std::vector<std::string> split(const std::string& text) {
+    /// A text that does not end in CR LF keeps a last line with a "!" to fail comparisons by.
+    static std::vector<std::string> split(std::string text) {
         std::vector<std::string> lines;
-        for (std::size_t start = 0; start < text.size();) {
-            const std::size_t end = text.find("\r\n", start);
-            if (end == std::string::npos) {
-                lines.push_back(text.substr(start) + "!");
-                break;
-            }
-            lines.push_back(text.substr(start, end - start));
-            start = end + 2;
-        }
+        if (!text.empty() && !text.ends_with("\r\n"))
+            text += "!\r\n";
+        for (std::size_t end; (end = text.find("\r\n")) != std::string::npos; text.erase(0, end + 2))
+            lines.push_back(text.substr(0, end));
         return lines;
     }
 

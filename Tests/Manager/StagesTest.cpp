@@ -1,0 +1,223 @@
+// Where a request can fail, by the call that fails: its code, its text, and what becomes of its buffers.
+#include "DecodeCoreFixture.h"
+
+#include <span>
+
+#include "LogSession.h"
+#include "Utils/vdResult.h"
+
+namespace {
+
+const std::string denied = hresultText(E_ACCESSDENIED);
+const std::string clipEx = "ClipEx::", callback = "Callback::", frame = "Frame::", job = "Job::";
+const std::string resources = "ResourceManager::", image = "ProcessedImage::", lut = "Post3DLUT::";
+const std::string cpu = "ManualDecoderFlow1::", gpu = "ManualDecoderFlow2::";
+const std::string state = "Error populateFrameStateBuffer : ", decode = "Error createDecodeJob : ",
+                  process = "Error CreateProcess Job : ";
+
+struct StageFault {
+    std::string call;
+    uint32_t occurrence, code;
+    std::string message; ///< the text of E_ACCESSDENIED follows
+};
+struct BufferFault {
+    brBuffer brBufferManager::*buffer;
+    uint32_t code;
+    std::string message;
+};
+
+class StagesTest : public DecodeCoreTest {
+protected:
+    std::shared_ptr<vdBRAW_Clip> start(bool isGpu) {
+        EXPECT_EQ(init(isGpu), 0);
+        m_decoder.setClipsHaveLut(true);
+        return addClip(m_clipPath);
+    }
+
+    /// A request with all that a host can ask for, and with a processed buffer of its own.
+    std::shared_ptr<TestRequest> run(const vdBRAW_Clip& clip) {
+        auto request = makeRequest(clip, brPixelFormat::BGRA_8_LOW, 4);
+        request->m_hasCustomSettings = true;
+        request->cloneProcessingAttributes(clip);
+        m_manager->ProcessFrameSync(request);
+        return request;
+    }
+
+    void expectFaults(bool isGpu, std::span<const StageFault> faults) {
+        const auto clip = start(isGpu);
+        for (const auto& [call, occurrence, code, message] : faults) {
+            SCOPED_TRACE(call + " " + std::to_string(occurrence));
+            arm(call, occurrence);
+            const auto request = run(*clip);
+            EXPECT_EQ(m_decoder.account().faultsFired, 1);
+            EXPECT_EQ(request->m_errorCode, code);
+            EXPECT_EQ(request->m_errorMessage, "(" + std::to_string(code) + ") " + message + denied);
+            EXPECT_TRUE(request->m_isFinished && request->failed == 1 && request->told == 1 &&
+                        !request->delivered);
+        }
+    }
+
+    /// A buffer that is too small by a byte is the only one to be replaced; it is kept when its release
+    /// fails, and holds and claims nothing when it cannot be made anew.
+    void expectBuffers(bool isGpu, std::span<const BufferFault> faults) {
+        const auto request = run(*start(isGpu));
+        brBufferManager& buffers = *request->m_bufferManager;
+        const auto again = [&] {
+            request->m_isFinished = false;
+            request->m_errorCode = 0;
+            request->m_errorMessage.clear();
+            m_manager->ProcessFrameSync(request);
+            return m_decoder.occurrencesOf("IBlackmagicRawResourceManager::CreateResource");
+        };
+        m_decoder.reset();
+        EXPECT_EQ(again(), 0u) << "a second frame of the same size needs nothing new";
+        for (const auto& [member, code, message] : faults) {
+            SCOPED_TRACE(message);
+            brBuffer& buffer = buffers.*member;
+            void* const kept = buffer.resource;
+            --buffer.capacity;
+            // Both decoded buffers go together, the host's first.
+            const bool isSecond = &buffer == &buffers.m_decodedBufferGPU;
+            arm(resources + "ReleaseResource", isSecond ? 2 : 1);
+            EXPECT_EQ(again(), 0u);
+            EXPECT_EQ(request->m_errorMessage, "(" + std::to_string(code) + ") " + message + denied);
+            EXPECT_EQ(buffer.resource, kept);
+            arm(resources + "CreateResource", isSecond ? 2 : 1);
+            again();
+            EXPECT_EQ(request->m_errorCode, code);
+            EXPECT_EQ(buffer.resource, nullptr);
+            EXPECT_EQ(buffer.capacity, 0u);
+            EXPECT_GE(again(), 1u);
+            EXPECT_EQ(request->m_errorMessage, "");
+        }
+    }
+};
+
+TEST_F(StagesTest, RequestFailsWithTheCodeOfItsStage) {
+    const StageFault faults[] = {
+        {"Clip::CloneClipProcessingAttributes", 1, 3, "Impossible to Clone Processing Attributes - "},
+        {"ClipProcessingAttributes::GetPost3DLUT", 1, 3, "Failed Getting Post3DLUT "},
+        {lut + "GetResourceCPU", 1, 3, "Failed Getting CPU Resource "},
+        {clipEx + "GetBitStreamSizeBytes", 1, 1, "Frame seems to be corrupted - "},
+        {clipEx + "CreateJobReadFrame", 1, 5, "Impossible to Create Job Read Frame - "},
+        {resources + "CreateResource", 1, 5, "Impossible to Create BitStream Resource - "},
+        {job + "SetUserData", 1, 5, "Failed SetUserData on Read Job"},
+        {callback + "ReadComplete", 1, 7, "Failed SetResourceFormat on Frame ! "},
+        {frame + "SetResourceFormat", 1, 7, "Failed SetResourceFormat on Frame ! "},
+        {frame + "SetResolutionScale", 1, 7, "Failed SetResolutionScale on Frame ! "},
+        {frame + "CloneFrameProcessingAttributes", 1, 7, "Failed CloneFrameProcessingAttributes on Frame ! "},
+        {cpu + "GetFrameStateSizeBytes", 1, 7, state + "Failed CPU GetFrameStateSizeBytes "},
+        {resources + "CreateResource", 2, 7, state + "Failed Creating CPU Resource FrameState "},
+        {cpu + "PopulateFrameStateBuffer", 1, 7, state + "Failed Populating FrameState Buffer "},
+        {cpu + "GetDecodedSizeBytes", 1, 8, decode + "Failed GetDecodedSizeBytes "},
+        {resources + "CreateResource", 3, 8, decode + "Failed Creating CPU Resource "},
+        {cpu + "CreateJobDecode", 1, 8, decode + "Failed Created Job Decode "},
+        {job + "SetUserData", 2, 8, "Impossible to Set UserData on decodeJob !"},
+        {job + "Submit", 2, 8, "Impossible to submit DecodeJob ! "},
+        {callback + "DecodeComplete", 1, 8, "DecodeComplete called with error code - "},
+        {cpu + "GetProcessedSizeBytes", 1, 10, process + "Failed GetProcessedSizeBytes "},
+        {resources + "CreateResource", 4, 10, process + "Failed Creating CPU ProcessedBuffer Resource "},
+        {cpu + "CreateJobProcess", 1, 10, process + "Failed Creating CPU Process Job"},
+        {job + "SetUserData", 3, 10, "Impossible to Set UserData on processJob ! "},
+        {job + "Submit", 3, 10, "Impossible to Submit processJob ! "},
+        {callback + "ProcessComplete", 1, 10, "ProcessComplete called with error code - "},
+        {image + "GetResourceType", 1, 12, "Impossible to GetResourceType ! "},
+        {image + "GetResourceFormat", 1, 12, "Failed GetResourceFormat - "},
+        {image + "GetWidth", 1, 12, "Failed GetWidth - "},
+        {image + "GetHeight", 1, 12, "Failed GetHeight - "},
+        {image + "GetResourceSizeBytes", 1, 12, "Failed GetResourceSizeBytes - "},
+    };
+    expectFaults(false, faults);
+}
+
+TEST_F(StagesTest, RequestOnAGpuFailsWithTheCodeOfItsStage) {
+    const StageFault faults[] = {
+        {lut + "GetResourceGPU", 1, 3, "Failed Getting GPU Resource "},
+        {gpu + "GetFrameStateSizeBytes", 1, 7, state + "Failed GPU GetFrameStateSizeBytes "},
+        {resources + "CreateResource", 4, 8, decode + "Failed Creating GPU Resource "},
+        {gpu + "GetProcessedSizeBytes", 1, 11, process + "Failed GPU GetProcessedSizeBytes "},
+        {gpu + "GetWorkingSizeBytes", 1, 11, process + "Failed GPU GetWorkingSizeBytes "},
+        {resources + "CreateResource", 5, 11, process + "Failed Creating GPU WorkingBuffer Resource "},
+        {resources + "CreateResource", 6, 11, process + "Failed Creating GPU ProcessedBuffer Resource "},
+        {gpu + "GetDecodedSizeBytes", 2, 11, process + "Failed GPU GetDecodedSizeBytes "},
+        {resources + "CopyResource", 1, 11,
+         process + "Failed Copying DecodedBuffer Resource from CPU to GPU "},
+        {gpu + "CreateJobProcess", 1, 11, process + "Failed Creating GPU Process Job "},
+        {job + "Submit", 3, 11, "Impossible to Submit processJob ! "},
+    };
+    expectFaults(true, faults);
+}
+
+TEST_F(StagesTest, RequestFailsWithoutWhatACompletionShouldBring) {
+    const struct {
+        std::string call;
+        Kind kind;
+        int64_t value;
+        const char* message;
+    } cases[] = {
+        {clipEx + "GetBitStreamSizeBytes", Kind::fail, E_FAIL, "(1) Frame seems to be corrupted"},
+        {job + "Submit", Kind::fail, E_FAIL, "(5) Failed to Submit Read Job"},
+        {callback + "ReadComplete", Kind::succeedEmpty, 0, "(6) ReadComplete called with error code - "},
+        {callback + "ProcessComplete", Kind::succeedEmpty, 0, "(12) ProcessComplete called without an image"},
+        {image + "GetResourceFormat", Kind::value, blackmagicRawResourceFormatRGBAU8,
+         "(12) Final Format is not the same than requested one !"},
+        {image + "GetResourceType", Kind::value, blackmagicRawResourceTypeBufferCUDA,
+         "(12) Final Resource Type is not the same than requested one !"},
+    };
+    const auto clip = start(false);
+    for (const auto& [call, kind, value, message] : cases) {
+        arm(call, 1, kind, value);
+        const auto request = run(*clip);
+        EXPECT_EQ(request->m_errorMessage, message);
+        EXPECT_EQ(request->told, 1);
+    }
+    EXPECT_EQ(m_manager->createBufferManager()->fillLut3DBuffersFromClipProcessing(nullptr).text(),
+              "Impossible to get Post3DLUT if clipAttrs is nullptr");
+}
+
+TEST_F(StagesTest, BuffersAreReplacedOnlyWhenTooSmall) {
+    const BufferFault faults[] = {
+        {&brBufferManager::m_bitStream, 5, "Impossible to Release current BitStream Resource - "},
+        {&brBufferManager::m_frameState, 7, state + "Failed Releasing CPU Resource FrameState "},
+        {&brBufferManager::m_decodedBufferCPU, 8, decode + "Failed Releasing CPU Resource "},
+        {&brBufferManager::m_processedBuffer, 10, process + "Failed Releasing CPU ProcessedBuffer Resource "},
+    };
+    expectBuffers(false, faults);
+
+    // A caller's buffer that is too small is bypassed: the decoder writes into one of our own.
+    const auto bypassing = makeRequest(*m_manager->GetClip(0));
+    brBufferManager& buffers = *bypassing->m_bufferManager;
+    void* const callers = buffers.m_processedBuffer.resource;
+    --buffers.m_processedBuffer.capacity;
+    m_manager->AddProcessFrameAsync(bypassing);
+    m_manager->FlushQueue();
+    EXPECT_TRUE(bypassing->m_processDone && buffers.m_ownsProcessedBuffer);
+    EXPECT_NE(buffers.m_processedBuffer.resource, callers);
+}
+
+TEST_F(StagesTest, DeviceBuffersAreReplacedOnlyWhenTooSmall) {
+    const BufferFault faults[] = {
+        {&brBufferManager::m_decodedBufferGPU, 8, decode + "Failed Releasing GPU Resource "},
+        {&brBufferManager::m_workingBuffer, 11, process + "Failed Releasing GPU WorkingBuffer Resource "},
+        {&brBufferManager::m_processedBuffer, 11, process + "Failed Releasing GPU ProcessedBuffer Resource "},
+    };
+    expectBuffers(true, faults);
+
+    auto request = run(*m_manager->GetClip(0));
+    const LogSession log(vdLogLevel::error);
+    arm(resources + "ReleaseResource", 0);
+    request.reset();
+    const auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 6u);
+    size_t line = 0;
+    for (const char* buffer : {"m_bitStream", "m_frameState", "m_decodedBufferCPU", "m_decodedBufferGPU",
+                               "m_workingBuffer", "m_processedBuffer"})
+        EXPECT_NE(
+            lines[line++].find("Impossible to release Resource : " + std::string(buffer) + " : " + denied),
+            std::string::npos)
+            << buffer;
+    // What the decoder refused to take back is its own.
+    referenceDecoderControl().account.liveResources -= 6;
+}
+
+} // namespace

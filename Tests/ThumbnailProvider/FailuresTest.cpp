@@ -1,0 +1,136 @@
+// What a person's disk, a strange shell and a failing decoder can hand over: each gives its result and leaves
+// nothing behind.
+#include "HandlerFixture.h"
+
+namespace {
+using Kind = ReferenceDecoderFaultKind;
+
+class Failures : public HandlerTest {
+protected:
+    /// Where the core did not start, nothing is written; else the bitmap is null and the kind of alpha told.
+    void expectFailed(const std::optional<std::wstring>& path, UINT size = 16, HRESULT result = E_FAIL,
+                      bool coreStarted = true) {
+        const Answer answer = ask(path, size);
+        EXPECT_RESULT(result, answer.result);
+        EXPECT_EQ(!coreStarted, answer.isUntouched);
+    }
+};
+
+TEST_F(Failures, PathsThatLeadToNoClip) {
+    const std::string header = "P6\n64 32\n255\n";
+    writeFileBytes(inside(L"empty.braw"), "");
+    writeFileBytes(inside(L"text.braw"), "This is not a clip.");
+    writeFileBytes(inside(L"huge.braw"), "P6 4294967295 4294967295 255\n");
+    writeFileBytes(inside(L"cut.braw"), header + std::string(64 * 32, 'x'));
+    const std::optional<std::wstring> paths[] = {
+        std::nullopt,
+        L"",
+        m_folder.path().wstring(),
+        inside(L"missing.braw"),
+        inside(L"no folder\\missing.braw"),
+        inside(L"unpaired \xD83C surrogate.braw"),
+        inside(L"empty.braw"),
+        inside(L"text.braw"),
+        inside(L"huge.braw"),
+        inside(L"cut.braw"),
+        std::wstring(40000, L'x'),
+    };
+    for (const auto& path : paths) {
+        SCOPED_TRACE(&path - paths);
+        expectFailed(path);
+    }
+
+    const std::wstring path = writeClip();
+    const HANDLE user = CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(INVALID_HANDLE_VALUE, user);
+    expectFailed(path);
+    CloseHandle(user);
+    EXPECT_RESULT(S_OK, ask(path).result) << "once nobody uses it";
+
+    // Nothing to show is no failure: the picture is there, and all of it transparent.
+    writeFileBytes(inside(L"none.braw"), header);
+    const Answer none = ask(inside(L"none.braw"));
+    ASSERT_EQ(16, none.size.cy);
+    EXPECT_EQ(std::vector<uint8_t>(32 * 16 * 4),
+              std::vector(none.pixel(0, 15), none.pixel(0, 15) + 32 * 16 * 4));
+}
+
+TEST_F(Failures, StrangeButGoodNames) {
+    std::wstring longFolder = m_folder.path().wstring();
+    for (int i = 0; i < 6; ++i) {
+        longFolder += L"\\" + std::wstring(50, L'a');
+        ASSERT_TRUE(CreateDirectoryW((L"\\\\?\\" + longFolder).c_str(), nullptr)) << GetLastError();
+    }
+    const std::wstring source = writeClip();
+    for (const std::wstring& name : {inside(L"\xD83C\xDFAC \x30D5\x30A3\x30EB\x30E0 \xE9\x301.braw"),
+                                     inside(L"no extension"), longFolder + L"\\clip.braw"}) {
+        SCOPED_TRACE(name.size());
+        const std::wstring target = name.size() < MAX_PATH ? name : L"\\\\?\\" + name;
+        ASSERT_TRUE(CopyFileW(source.c_str(), target.c_str(), TRUE)) << GetLastError();
+        EXPECT_RESULT(S_OK, ask(name).result);
+        EXPECT_RESULT(S_OK, ask(target).result);
+        EXPECT_TRUE(DeleteFileW(target.c_str()));
+    }
+    for (; longFolder.size() > m_folder.path().wstring().size(); longFolder.resize(longFolder.rfind(L'\\')))
+        RemoveDirectoryW((L"\\\\?\\" + longFolder).c_str());
+}
+
+TEST_F(Failures, Sizes) {
+    const std::wstring path = writeClip();
+    // More bytes than a bitmap can have; some of these products are 0 in 32 bits.
+    for (const UINT size : {0u, 32768u, 65536u, 100000u, 0x80000000u, 4294967295u}) {
+        SCOPED_TRACE(size);
+        expectFailed(path, size);
+    }
+    EXPECT_EQ(4, ask(path, 1).size.cy);
+    EXPECT_EQ(4096, ask(path, 4096).size.cy);
+}
+
+TEST_F(Failures, EachOfTheDecodersHasItsResult) {
+    constexpr auto odd = static_cast<HRESULT>(0x8007007B);
+    const struct {
+        ReferenceDecoderFault fault;
+        HRESULT result = E_FAIL;
+        bool coreStarted = true;
+    } cases[] = {
+        {{"Factory::CreateCodec", 1, Kind::fail, odd}, E_UNEXPECTED, false},
+        {{"Factory::CreateClipGeometry", 1, Kind::fail, odd}, odd},
+        {{"::OpenClipWithGeometry", 1, Kind::fail, odd}},
+        {{"ClipEx::CreateJobReadFrame", 1, Kind::fail, odd}},
+        {{"Callback::ProcessComplete", 1, Kind::succeedEmpty, 0}},
+        // A request that never ends keeps its bitmap: something may still write to it.
+        {{"Callback::ReadComplete", 1, Kind::drop, 0}},
+    };
+    const std::wstring path = writeClip();
+    m_faultsArmed = true;
+    for (auto [fault, result, coreStarted] : cases) {
+        SCOPED_TRACE(fault.name);
+        fault.name.insert(0, "IBlackmagicRaw");
+        m_decoder.reset();
+        m_decoder.arm(fault);
+        expectFailed(path, 16, result, coreStarted);
+        EXPECT_LT(0, m_decoder.account().faultsFired) << "no such call";
+    }
+}
+
+TEST_F(Failures, TheCoreDoesNotStartWithoutItsLibrary) {
+    const std::wstring path = writeClip();
+    const std::string good = readFileBytes(productFolder("bin") / "BlackmagicRawAPI.dll");
+    std::filesystem::copy(productFolder("bin") / "Clipforge_Thumbnails.dll", m_folder.path());
+    load(m_folder.path());
+    for (const std::string& decoder : {std::string(), std::string("This is not a library."), good + '\0'}) {
+        for (int i = 0; i < 2; ++i) // the first failure must not spoil the next attempt
+            expectFailed(path, 16, E_UNEXPECTED, false);
+        writeFileBytes(inside(L"BlackmagicRawAPI.dll"), decoder);
+        expectFailed(path, 16, E_UNEXPECTED, false);
+    }
+    writeFileBytes(inside(L"BlackmagicRawAPI.dll"), good);
+    for (int i = 1; i <= 3; ++i) {
+        m_decoder.reset();
+        EXPECT_RESULT(S_OK, ask(path).result);
+        EXPECT_EQ(1, m_decoder.account().loads);
+        EXPECT_EQ(1, m_decoder.account().unloads);
+    }
+    load(productFolder("bin"));
+}
+} // namespace

@@ -131,7 +131,8 @@ bool JobQueue::isWorkerThread() const {
 
 void JobQueue::startWorker() {
     m_workers.reserve(m_workers.size() + 1);
-    auto start = std::make_unique<ThreadStart>(ThreadStart{shared_from_this(), holdThisModule()});
+    auto start = std::make_unique<ThreadStart>(ThreadStart{shared_from_this()});
+    start->module = holdThisModule(); // once nothing can throw any more
     Worker worker{};
     worker.handle = CreateThread(nullptr, 0, threadEntry, start.get(), 0, &worker.id);
     if (worker.handle) {

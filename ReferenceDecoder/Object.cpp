@@ -38,6 +38,14 @@ Counted::Counted() {
     ++account().liveReferences;
 }
 
+/// An object that is still alive here could not be constructed to its end, and was never handed out.
+Counted::~Counted() {
+    if (isAlive()) {
+        --account().liveObjects;
+        --account().liveReferences;
+    }
+}
+
 ULONG Counted::addReference() {
     if (!isAlive()) {
         ++account().overReleases;

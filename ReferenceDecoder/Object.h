@@ -32,7 +32,7 @@ inline constexpr bool hasIdentifier<IBlackmagicRawClipResolutions> = true;
 class Counted {
 public:
     Counted();
-    virtual ~Counted() = default;
+    virtual ~Counted();
     Counted(const Counted&) = delete;
     Counted& operator=(const Counted&) = delete;
 

@@ -113,12 +113,12 @@ HeaderState parsePictureHeader(std::string_view bytes, PictureHeader& header) {
 }
 
 HRESULT PnmStream::open(const wchar_t* path, std::shared_ptr<PnmStream>& stream) {
+    auto opened = std::make_shared<PnmStream>();
     const HANDLE file = CreateFileW(longPath(path).c_str(), GENERIC_READ,
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                     OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
     if (file == INVALID_HANDLE_VALUE)
         return lastError();
-    auto opened = std::make_shared<PnmStream>();
     opened->m_file.reset(file);
     LARGE_INTEGER bytes;
     if (GetFileType(file) != FILE_TYPE_DISK)

@@ -6,6 +6,12 @@ namespace {
 
 using Account = ReferenceDecoderControl::Account;
 
+#ifdef CLIPFORGE_HARDENED
+constexpr bool kGuardsByDefault = true;
+#else
+constexpr bool kGuardsByDefault = false;
+#endif
+
 struct Counter {
     const char* name;
     std::atomic<int64_t> Account::*shared;
@@ -56,7 +62,10 @@ std::string ReferenceDecoderAccount::describe() const {
     return text.empty() ? "clean" : text;
 }
 
-ReferenceDecoderSession::ReferenceDecoderSession() : m_control(referenceDecoderControl()) {}
+ReferenceDecoderSession::ReferenceDecoderSession() : m_control(referenceDecoderControl()) {
+    if (kGuardsByDefault)
+        setGuardResources(true);
+}
 
 void ReferenceDecoderSession::reset() {
     for (const Counter& counter : kCounters)
@@ -68,7 +77,7 @@ void ReferenceDecoderSession::reset() {
     m_control.sentAttributeCount = 0;
     m_control.ruleCount = 0;
     m_control.jobDelayMilliseconds = 0;
-    m_control.guardResources = 0;
+    m_control.guardResources = kGuardsByDefault;
     m_control.clipsHaveLut = 0;
     disarm();
 }

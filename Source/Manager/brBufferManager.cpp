@@ -239,7 +239,7 @@ vdStatus brBufferManager::createProcessJobGPU(Job& job) {
     if (status.failed)
         return status;
 
-    hr = m_manualDecoderGPU->GetDecodedSizeBytes(frameState, &decodedSize);
+    hr = usableSize(m_manualDecoderGPU->GetDecodedSizeBytes(frameState, &decodedSize), decodedSize);
     if (FAILED(hr))
         return failure("Failed GPU GetDecodedSizeBytes ", hr);
     const uint32_t held = std::min(m_decodedBufferCPU.capacity, m_decodedBufferGPU.capacity);

@@ -180,7 +180,8 @@ vdStatus getOptionsFilePath(std::string& path) {
         removeDirectory(path);
     if (fileExists(path))
         return {};
+    // Looking for the file may have failed for another reason: one that is there keeps what it holds.
     std::ofstream empty;
-    openOutputStream(empty, path, std::ios::binary | std::ios::trunc);
+    openOutputStream(empty, path, std::ios::binary | std::ios::app);
     return empty.is_open() ? vdStatus() : vdFailure("Impossible to open new Ini File");
 }

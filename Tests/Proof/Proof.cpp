@@ -1,0 +1,124 @@
+#include "Proof.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include <windows.h>
+
+namespace {
+
+constexpr uint64_t maximumShown = 20;
+constexpr int64_t longestSilenceSeconds = 300;
+
+/// What is being tried, for when the program cannot go on.
+char g_attempt[256] = "(nothing yet)";
+std::atomic<int64_t> g_silentSeconds{0};
+
+LONG WINAPI reportCrash(EXCEPTION_POINTERS* exception) {
+    const auto* const address = static_cast<const char*>(exception->ExceptionRecord->ExceptionAddress);
+    HMODULE module = nullptr;
+    char name[MAX_PATH] = "?";
+    GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                       address, &module);
+    GetModuleFileNameA(module, name, MAX_PATH);
+    std::printf("  LOST  %s: crashed with 0x%08lX at offset 0x%llX of %s\n", g_attempt,
+                exception->ExceptionRecord->ExceptionCode,
+                static_cast<unsigned long long>(address - reinterpret_cast<const char*>(module)), name);
+    std::fflush(stdout);
+    TerminateProcess(GetCurrentProcess(), 3);
+    return EXCEPTION_EXECUTE_HANDLER;
+}
+
+/// An exception that nobody took, here or in a library.
+void reportAbort(int) {
+    std::printf("  LOST  %s: aborted\n", g_attempt);
+    std::fflush(stdout);
+    TerminateProcess(GetCurrentProcess(), 3);
+}
+
+DWORD WINAPI watch(void*) {
+    for (;;) {
+        Sleep(1000);
+        if (++g_silentSeconds < longestSilenceSeconds)
+            continue;
+        std::printf("  LOST  %s: does not end\n", g_attempt);
+        std::fflush(stdout);
+        TerminateProcess(GetCurrentProcess(), 4);
+    }
+}
+
+int usage() {
+    std::fputs("usage: proof [--brief] [--only NAME]\n", stderr);
+    return 2;
+}
+
+} // namespace
+
+void ProofTally::begin(const std::string& attempt) {
+    std::strncpy(g_attempt, attempt.c_str(), sizeof g_attempt - 1);
+    g_silentSeconds = 0;
+}
+
+void ProofTally::count(const std::string& attempt, const std::string& trouble) {
+    begin(attempt);
+    ++m_tried;
+    if (trouble.empty())
+        ++m_survived;
+    else if (m_tried - m_survived <= maximumShown)
+        std::printf("  LOST  %s: %s\n", attempt.c_str(), trouble.c_str());
+    std::fflush(stdout);
+}
+
+std::vector<ProofCheck>& proofChecks() {
+    static std::vector<ProofCheck> checks;
+    return checks;
+}
+
+int main(int argc, char** argv) {
+    ProofForm form = ProofForm::full;
+    std::string only;
+    for (int i = 1; i < argc; ++i) {
+        if (!std::strcmp(argv[i], "--brief"))
+            form = ProofForm::brief;
+        else if (!std::strcmp(argv[i], "--only") && i + 1 < argc)
+            only = argv[++i];
+        else
+            return usage();
+    }
+    auto checks = proofChecks();
+    std::erase_if(checks, [&](const ProofCheck& check) { return !only.empty() && only != check.name; });
+    if (checks.empty())
+        return usage();
+    std::sort(checks.begin(), checks.end(),
+              [](const ProofCheck& a, const ProofCheck& b) { return std::strcmp(a.name, b.name) < 0; });
+
+    SetUnhandledExceptionFilter(reportCrash);
+    std::signal(SIGABRT, reportAbort);
+    CloseHandle(CreateThread(nullptr, 0, watch, nullptr, 0, nullptr));
+
+    std::vector<std::string> table;
+    bool allSurvived = true;
+    for (const ProofCheck& check : checks) {
+        std::printf("%s: %s\n", check.name, check.what);
+        std::fflush(stdout);
+        ProofTally tally;
+        const auto start = std::chrono::steady_clock::now();
+        check.run(form, tally);
+        const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
+        char row[256];
+        std::snprintf(row, sizeof row, "%-14s %-64s %8llu %8llu %7.1f s", check.name, check.what,
+                      static_cast<unsigned long long>(tally.tried()),
+                      static_cast<unsigned long long>(tally.survived()), seconds.count());
+        table.emplace_back(row);
+        allSurvived = allSurvived && tally.tried() > 0 && tally.survived() == tally.tried();
+    }
+    std::printf("\n%-14s %-64s %8s %8s %9s\n", "check", "what", "tried", "survived", "time");
+    for (const std::string& row : table)
+        std::printf("%s\n", row.c_str());
+    std::printf("%s\n", allSurvived ? "all survived" : "NOT ALL SURVIVED");
+    return allSurvived ? 0 : 1;
+}

@@ -1,0 +1,48 @@
+// The proof that nothing which the decoder, the machine or a file does can hurt the process we run in.
+//
+// A check tries one kind of trouble many times over and counts; the program prints a table of them all. Each
+// check stands in a file of its own and enters itself with a PROOF_CHECK line.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/// How thoroughly to try: a short form for every test run, the full one on demand.
+enum class ProofForm { brief, full };
+
+/// What a check tried and what survived it.
+class ProofTally {
+public:
+    /// Names the attempt that follows, so that one which takes the program down, or never ends, has a name.
+    void begin(const std::string& attempt);
+    /// Counts one attempt; `trouble` is empty when it was survived, and tells what was lost otherwise.
+    void count(const std::string& attempt, const std::string& trouble);
+    /// Counts `tried` attempts that all went well.
+    void countGood(uint64_t tried) {
+        m_tried += tried;
+        m_survived += tried;
+    }
+
+    uint64_t tried() const { return m_tried; }
+    uint64_t survived() const { return m_survived; }
+
+private:
+    uint64_t m_tried = 0;
+    uint64_t m_survived = 0;
+};
+
+struct ProofCheck {
+    const char* name; ///< as the table and --only show it
+    const char* what; ///< what is tried, in the table's words
+    void (*run)(ProofForm form, ProofTally& tally);
+};
+
+/// All checks, in the order of their names.
+std::vector<ProofCheck>& proofChecks();
+
+struct ProofEntry {
+    explicit ProofEntry(const ProofCheck& check) { proofChecks().push_back(check); }
+};
+#define PROOF_CHECK(name, what, function)                                                                    \
+    static const ProofEntry proofEntryOf_##function({name, what, function})

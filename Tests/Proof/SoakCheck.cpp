@@ -1,0 +1,143 @@
+// Thousands of thumbnails in one process: what they take is given back, all of it.
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <windows.h>
+
+#include <psapi.h>
+
+#include "GdiObjects.h"
+#include "KnownQuestions.h"
+#include "Proof.h"
+#include "Scenario.h"
+
+namespace {
+
+/// What a process can lose little by little, and by how much it may differ after thousands of thumbnails: far
+/// less than one of anything for each.
+enum Holding { handles, threadSlots, gdiObjects, modules, heapBlocks, heapBytes, privateBytes, holdingCount };
+constexpr struct {
+    const char* name;
+    int64_t tolerance;
+} kinds[holdingCount] = {
+    {"handles", 4},      {"thread-local slots", 2}, {"GDI objects", 0},        {"modules", 0},
+    {"heap blocks", 32}, {"heap bytes", 16384},     {"private bytes", 2 << 20}};
+using Holdings = std::array<int64_t, holdingCount>;
+
+/// GetProcessHandleCount is not answered under Wine; the system's list of all handles is, and by both.
+int64_t countHandles() {
+    struct List {
+        uintptr_t count, reserved;
+        struct {
+            void* object;
+            uintptr_t process, handle;
+            uint32_t rest[4];
+        } entries[1 << 14];
+    };
+    constexpr int systemExtendedHandleInformation = 64;
+    static List list;
+    const auto query = reinterpret_cast<LONG(WINAPI*)(int, void*, ULONG, ULONG*)>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
+    if (DWORD count = 0; query(systemExtendedHandleInformation, &list, sizeof list, nullptr) < 0)
+        return GetProcessHandleCount(GetCurrentProcess(), &count) ? count : 0;
+    int64_t own = 0;
+    for (uintptr_t i = 0; i < list.count; ++i)
+        own += list.entries[i].process == GetCurrentProcessId();
+    return own;
+}
+
+int64_t countFreeThreadSlots() {
+    std::vector<DWORD> slots;
+    slots.reserve(2048);
+    for (DWORD slot = TlsAlloc(); slot != TLS_OUT_OF_INDEXES; slot = TlsAlloc())
+        slots.push_back(slot);
+    for (const DWORD slot : slots)
+        TlsFree(slot);
+    return static_cast<int64_t>(slots.size());
+}
+
+void addHeap(HANDLE heap, Holdings& holdings) {
+    PROCESS_HEAP_ENTRY entry{};
+    HeapLock(heap);
+    while (HeapWalk(heap, &entry))
+        if (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) {
+            ++holdings[heapBlocks];
+            holdings[heapBytes] += entry.cbData;
+        }
+    HeapUnlock(heap);
+}
+
+Holdings takeHoldings() {
+    isDecoderUnloaded();
+    Holdings now{};
+    now[handles] = countHandles();
+    now[threadSlots] = -countFreeThreadSlots();
+    now[gdiObjects] = countGdiObjects();
+    HMODULE loaded[1024];
+    DWORD moduleBytes = 0;
+    EnumProcessModules(GetCurrentProcess(), loaded, sizeof loaded, &moduleBytes);
+    now[modules] = moduleBytes / static_cast<DWORD>(sizeof(HMODULE));
+    PROCESS_MEMORY_COUNTERS memory{};
+    GetProcessMemoryInfo(GetCurrentProcess(), &memory, sizeof memory);
+    now[privateBytes] = static_cast<int64_t>(memory.PagefileUsage);
+    HANDLE heaps[64];
+    const DWORD heapCount = GetProcessHeaps(64, heaps);
+    for (DWORD i = 0; i < heapCount && i < 64; ++i)
+        addHeap(heaps[i], now);
+    return now;
+}
+
+void show(uint32_t thumbnails, const Holdings& holdings) {
+    std::printf("  after %4u thumbnails:", thumbnails);
+    for (int i = 0; i < holdingCount; ++i)
+        std::printf(" %lld %s%s", static_cast<long long>(std::abs(holdings[static_cast<size_t>(i)])),
+                    i == threadSlots ? "free " : "", kinds[i].name);
+    std::printf("\n");
+}
+
+/// As a host's life goes: most questions on one thread, some on one that comes and goes, and now and then the
+/// handler is not needed for a while and unloaded.
+void soak(ProofForm form, ProofTally& tally) {
+    constexpr uint32_t settled = 100, questionsPerThread = 10, questionsPerLoad = 25;
+    const uint32_t total = form == ProofForm::full ? 5000 : 400;
+    const std::wstring path = builtFile("bin", L"Clipforge_Thumbnails.dll").make_preferred().wstring();
+    const KnownQuestions questions;
+    Leftovers leftovers;
+    HandlerLibrary library;
+    Holdings before{};
+    for (uint32_t i = 0; i < total; ++i) {
+        if (i % questionsPerLoad == 0)
+            library.load(path);
+        if (i == settled) {
+            before = takeHoldings();
+            show(i, before);
+        }
+        const KnownQuestion& question = questions.all()[i % questions.all().size()];
+        std::string trouble;
+        if (i % questionsPerThread == 0)
+            std::thread([&] { trouble = troubleInAnswer(question, &library); }).join();
+        else
+            trouble = troubleInAnswer(question, &library);
+        if (i % questionsPerLoad == questionsPerLoad - 1 && library.unload() != S_OK)
+            trouble += " The handler cannot be unloaded.";
+        if (trouble.empty())
+            trouble = leftovers.trouble();
+        tally.count("thumbnail " + std::to_string(i), trouble);
+    }
+    library.load(path); // as it was
+    const Holdings after = takeHoldings();
+    show(total, after);
+    for (size_t i = 0; i < holdingCount; ++i)
+        tally.count(kinds[i].name,
+                    after[i] <= before[i] + kinds[i].tolerance
+                        ? ""
+                        : std::to_string(after[i] - before[i]) + " more than after the first hundred");
+}
+
+PROOF_CHECK("soak", "thumbnails in one process, and what they may not keep", soak);
+
+} // namespace

@@ -18,6 +18,7 @@
 #include <psapi.h>
 
 #include "HandlerHost.h"
+#include "Imports.h"
 #include "ReferenceDecoderSession.h"
 #include "TemporaryFolder.h"
 
@@ -58,28 +59,6 @@ BOOL WINAPI timedFreeLibrary(HMODULE module) {
     return timedLoading([&] { return FreeLibrary(module); });
 }
 
-/// Puts `replacement` into the module's import table wherever it stands for `function`.
-void replaceImport(HMODULE module, const void* function, const void* replacement) {
-    auto* const base = reinterpret_cast<unsigned char*>(module);
-    const auto* const header = reinterpret_cast<const IMAGE_NT_HEADERS*>(
-        base + reinterpret_cast<const IMAGE_DOS_HEADER*>(base)->e_lfanew);
-    const DWORD imports = header->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
-    for (auto* library = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + imports); library->FirstThunk != 0;
-         ++library)
-        for (auto* slot = reinterpret_cast<const void**>(base + library->FirstThunk); *slot != nullptr;
-             ++slot)
-            if (*slot == function) {
-                DWORD former = 0;
-                VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &former);
-                *slot = replacement;
-                VirtualProtect(slot, sizeof *slot, former, &former);
-            }
-}
-
-const void* kernelFunction(const char* name) {
-    return reinterpret_cast<const void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), name));
-}
-
 /// A clip of `frames` frames. Only the first has a picture; the others are holes in the file behind their
 /// headers.
 void writeClip(const std::filesystem::path& path, uint32_t width, uint32_t height, uint32_t frames) {
@@ -115,12 +94,9 @@ public:
         if (FAILED(m_handler.load(dll)))
             std::puts("the handler cannot be loaded");
         HMODULE module = GetModuleHandleW(L"Clipforge_Thumbnails.dll");
-        replaceImport(module, kernelFunction("LoadLibraryExW"),
-                      reinterpret_cast<const void*>(&timedLoadLibraryExW));
-        replaceImport(module, kernelFunction("GetModuleHandleW"),
-                      reinterpret_cast<const void*>(&timedGetModuleHandleW));
-        replaceImport(module, kernelFunction("FreeLibrary"),
-                      reinterpret_cast<const void*>(&timedFreeLibrary));
+        replaceImport(module, "LoadLibraryExW", reinterpret_cast<void*>(&timedLoadLibraryExW));
+        replaceImport(module, "GetModuleHandleW", reinterpret_cast<void*>(&timedGetModuleHandleW));
+        replaceImport(module, "FreeLibrary", reinterpret_cast<void*>(&timedFreeLibrary));
     }
 
     bool measure(const std::filesystem::path& clip, UINT size, Measurement& measurement) {
@@ -155,6 +131,11 @@ public:
     int64_t peakResourceBytes = 0;
 
 private:
+    static void replaceImport(HMODULE module, const char* name, void* function) {
+        if (void** const slot = importSlot(module, name))
+            setImport(slot, function);
+    }
+
     ReferenceDecoderSession m_decoder;
     HandlerLibrary m_handler;
 };

@@ -2,6 +2,8 @@
 
 #include <stdexcept>
 
+#include "GuardedBitmaps.h"
+
 namespace {
 template <class Function>
 Function* exportOf(HMODULE module, const char* name) {
@@ -26,6 +28,7 @@ HandlerModule::HandlerModule(const std::filesystem::path& file)
     : m_module(LoadLibraryExW(file.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH)) {
     if (m_module == nullptr)
         throw std::runtime_error("the handler cannot be loaded");
+    guardBitmapsOf(m_module);
 }
 
 HRESULT HandlerModule::getClassObject(REFCLSID classId, REFIID interfaceId, void** object) const {

@@ -139,7 +139,7 @@ StageEnd fillFrameStateWithSettings(vdBRAW_Request& request, IBlackmagicRawFrame
         return failed(brErrorRead, hr, "Failed CloneFrameProcessingAttributes on Frame ! ");
     if (const vdStatus status = applyFrameSettings(attributes.Get(), request.m_frameSettings); status.failed)
         return failed(brErrorProcessingAttributes, hr, "", status);
-    const StageEnd end = fillFrameState(request, frame, hr, attributes.Get());
+    StageEnd end = fillFrameState(request, frame, hr, attributes.Get());
     const auto released = static_cast<HRESULT>(attributes.Detach()->Release());
     if (FAILED(released))
         return failed(brErrorRead, released, "Impossible to Release FrameProcessingAttributes ! ");
@@ -172,8 +172,8 @@ StageEnd readStage(vdBRAW_Request& request, HRESULT hr, IBlackmagicRawFrame* fra
     if (FAILED(hr))
         return failed(brErrorRead, hr, "Failed SetResolutionScale on Frame ! ");
 
-    const StageEnd end = request.m_hasCustomSettings ? fillFrameStateWithSettings(request, frame)
-                                                     : fillFrameState(request, frame, hr, nullptr);
+    StageEnd end = request.m_hasCustomSettings ? fillFrameStateWithSettings(request, frame)
+                                               : fillFrameState(request, frame, hr, nullptr);
     if (end.kind == StageEnd::Kind::failed)
         return end;
     return submitDecode(request, hr);

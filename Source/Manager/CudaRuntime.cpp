@@ -20,6 +20,8 @@
 #include "Utils/vdPaths.h"
 #include "Utils/vdText.h"
 
+// The names below are the toolchain's own.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 // The runtime's functions, as the import definition names them.
 int cudaMemGetInfo(std::size_t* freeBytes, std::size_t* totalBytes);
@@ -32,6 +34,7 @@ extern const ImgDelayDescr __DELAY_IMPORT_DESCRIPTOR_libcudart64_110_a;
 extern const char __ImageBase[];
 FARPROC WINAPI __delayLoadHelper2(PCImgDelayDescr descriptor, FARPROC* slot);
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 constexpr int longestRuntimePath = 261;
@@ -177,7 +180,7 @@ std::string cudaRuntimePath(std::string_view moduleFile) {
     const std::string file = stripTrailingSeparators(toForwardSlashes(moduleFile));
     const std::size_t separator = file.rfind('/');
     const std::string folder = separator == std::string::npos ? std::string() : file.substr(0, separator);
-    const std::string path = toBackslashes(joinPath(folder, cudaRuntimeFile));
+    std::string path = toBackslashes(joinPath(folder, cudaRuntimeFile));
     if (charCount(path) > longestRuntimePath) {
         VD_LOG_AS(vdLogLevel::error, "getCudaURL",
                   "ERROR getCudaURL - Folder Path + dllFilename superior to MAX PATH !");

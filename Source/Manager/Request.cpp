@@ -240,8 +240,8 @@ vdStatus vdBRAW_Request::setup(uint64_t clipId, uint64_t frameCount, void* final
 }
 
 vdStatus vdBRAW_Request::deriveFormats() {
-    const auto row = std::find_if(std::begin(conversions), std::end(conversions),
-                                  [&](const ConversionRow& r) { return r.format == m_pixelFormat; });
+    const auto* const row = std::find_if(std::begin(conversions), std::end(conversions),
+                                         [&](const ConversionRow& r) { return r.format == m_pixelFormat; });
     const uint32_t conversion =
         row == std::end(conversions) ? noConversion : (m_downscale ? row->downscaled : row->plain);
     if (conversion == noConversion)
@@ -250,7 +250,7 @@ vdStatus vdBRAW_Request::deriveFormats() {
                          pixelFormatName(m_pixelFormat));
     m_pxlConvAlgo = conversion;
     m_resourceFormat = row->resourceFormat;
-    const auto resource =
+    const auto* const resource =
         std::find_if(std::begin(resourceFormats), std::end(resourceFormats),
                      [&](const ResourceFormatRow& r) { return r.format == m_resourceFormat; });
     if (resource == std::end(resourceFormats))
@@ -331,7 +331,7 @@ struct Delivery {
     vdBRAW_Request& request;
     const std::byte* source; ///< device memory for a GPU's image
     size_t sourceRowBytes;
-    uint32_t sourceRows;
+    uint32_t sourceRows = 0;
     std::byte* destination; ///< the row that is stored first in the image's order
     size_t rowCapacity;     ///< bytes of a destination row
 
@@ -353,7 +353,7 @@ private:
 Delivery::Delivery(vdBRAW_Request& owner)
     : request(owner),
       source(static_cast<const std::byte*>(owner.m_bufferManager->m_processedBuffer.resource)),
-      sourceRowBytes(size_t{owner.m_resourceBytesPerPixel} * owner.m_processedWidth), sourceRows(0),
+      sourceRowBytes(size_t{owner.m_resourceBytesPerPixel} * owner.m_processedWidth),
       destination(static_cast<std::byte*>(owner.m_bufferManager->m_finalImageBuffer)),
       rowCapacity(static_cast<size_t>(std::abs(int64_t{owner.m_rowBytes}))) {
     if (sourceRowBytes == 0)
@@ -608,8 +608,8 @@ int vdBRAW_Request::HeavyProcessing() {
     timer.start();
     VD_LOG_INFO(identity() << "Final Buffer to Copy ! PXAL: " << m_pxlConvAlgo << " RB:" << m_rowBytes
                            << " W:" << m_width << " PX: " << pixelFormatName(m_pixelFormat));
-    const auto row = std::find_if(std::begin(deliveries), std::end(deliveries),
-                                  [&](const DeliveryRow& r) { return r.conversion == m_pxlConvAlgo; });
+    const auto* const row = std::find_if(std::begin(deliveries), std::end(deliveries),
+                                         [&](const DeliveryRow& r) { return r.conversion == m_pxlConvAlgo; });
     if (row == std::end(deliveries)) {
         VD_LOG_ERROR(identity() << "Pixel Format / Conversion not implemented !");
     } else {

@@ -80,7 +80,7 @@ void brBufferManager::releaseAtEnd(brBuffer& buffer, std::string_view name) noex
                   m_identity << "Impossible to release Resource : " << name << " : " << hresultText(hr));
 }
 
-HRESULT brBufferManager::releaseResource(brBuffer& buffer) noexcept {
+HRESULT brBufferManager::releaseResource(brBuffer& buffer) const noexcept {
     if (!buffer.resource)
         return S_OK;
     const bool onHost = buffer.side == brBuffer::Side::host;
@@ -100,7 +100,7 @@ vdStatus brBufferManager::releaseBuffer(brBuffer& buffer, std::string_view faile
 }
 
 vdStatus brBufferManager::createBuffer(brBuffer& buffer, uint32_t sizeBytes, BlackmagicRawResourceUsage usage,
-                                       std::string_view failed) {
+                                       std::string_view failed) const {
     const bool onHost = buffer.side == brBuffer::Side::host;
     void* resource = nullptr;
     const HRESULT hr = m_resourceManager->CreateResource(
@@ -325,7 +325,7 @@ brBufferManager::fillLut3DBuffersFromClipProcessing(IBlackmagicRawClipProcessing
     return FAILED(hr) ? failure("Failed Getting CPU Resource ", hr) : vdStatus();
 }
 
-vdStatus brBufferManager::getProcessedBufferOnHost(void*& host, uint64_t hostSizeBytes) {
+vdStatus brBufferManager::getProcessedBufferOnHost(void*& host, uint64_t hostSizeBytes) const {
     if (!m_isGPU) {
         host = m_processedBuffer.resource;
         return {};

@@ -52,7 +52,7 @@ public:
     vdStatus fillLut3DBuffersFromClipProcessing(IBlackmagicRawClipProcessingAttributes* clipAttributes);
     /// The processed image in host memory: on the CPU `host` is set to the buffer itself; on a CUDA device
     /// the image is copied to `host`, never more than `hostSizeBytes`.
-    vdStatus getProcessedBufferOnHost(void*& host, uint64_t hostSizeBytes);
+    vdStatus getProcessedBufferOnHost(void*& host, uint64_t hostSizeBytes) const;
     /// What the process job says it wrote. The buffer's capacity follows it downwards only.
     void setProcessedImageSize(uint32_t sizeBytes);
 
@@ -84,10 +84,10 @@ private:
     };
     vdStatus grow(brBuffer& buffer, uint32_t neededBytes, BlackmagicRawResourceUsage usage,
                   const GrowTexts& texts);
-    vdStatus releaseBuffer(brBuffer& buffer, std::string_view failure);
+    vdStatus releaseBuffer(brBuffer& buffer, std::string_view failed);
     vdStatus createBuffer(brBuffer& buffer, uint32_t sizeBytes, BlackmagicRawResourceUsage usage,
-                          std::string_view failure);
-    HRESULT releaseResource(brBuffer& buffer) noexcept;
+                          std::string_view failed) const;
+    HRESULT releaseResource(brBuffer& buffer) const noexcept;
     void releaseAtEnd(brBuffer& buffer, std::string_view name) noexcept;
     vdStatus growDecoded(uint32_t neededBytes);
     vdStatus growProcessed(uint32_t neededBytes, const GrowTexts& texts);

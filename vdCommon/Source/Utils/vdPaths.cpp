@@ -2,12 +2,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <cwchar>
 #include <filesystem>
 
+#include <cwchar>
 #include <io.h>
 #include <share.h>
 #include <sys/stat.h>
-#include <wchar.h>
 #include <windows.h>
 
 #include "Utils/vdSettings.h"

@@ -46,7 +46,8 @@ std::pair<int, int> findBoth(std::string_view text, std::string_view piece) {
     if (piece.empty())
         return found;
     int position = 0;
-    for (std::size_t offset = 0; std::size_t length = characterLength(text, offset); offset += length) {
+    for (std::size_t offset = 0, length = 0; (length = characterLength(text, offset)) != 0;
+         offset += length) {
         if (text.substr(offset).starts_with(piece)) {
             found.second = position;
             if (found.first < 0)
@@ -82,7 +83,7 @@ std::string utf16ToUtf8(std::wstring_view utf16) {
 
 int charCount(std::string_view text) {
     int count = 0;
-    for (std::size_t offset = 0; std::size_t length = characterLength(text, offset); offset += length)
+    for (std::size_t offset = 0, length = 0; (length = characterLength(text, offset)) != 0; offset += length)
         ++count;
     return count;
 }

@@ -374,10 +374,13 @@ int vdBRAW_Manager::AddProcessFrameAsync(std::shared_ptr<vdBRAW_Request> request
         enqueue(std::move(request), __func__);
         return 0;
     }
-    if (!submission.message.empty())
-        request->HandleError(submission.code, submission.errorResult, submission.message, false);
-    enqueue(std::move(request), "operator ()");
+    queueWithError(std::move(request), submission);
     return submission.result;
+}
+
+void vdBRAW_Manager::queueWithError(std::shared_ptr<vdBRAW_Request> request, const Submission& failure) {
+    request->HandleError(failure.code, failure.errorResult, failure.message, false);
+    enqueue(std::move(request), "operator ()");
 }
 
 vdBRAW_Manager::Submission vdBRAW_Manager::submitRead(vdBRAW_Request& request, brBufferManager::Job& job) {

@@ -112,6 +112,8 @@ private:
     Submission submitRead(vdBRAW_Request& request, brBufferManager::Job& job);
     /// Makes sure that queueing cannot fail for lack of memory once a job is in flight.
     void reserveQueueSlot();
+    /// Ends the request with what its submission failed at, and queues it like any other.
+    void queueWithError(std::shared_ptr<vdBRAW_Request> request, const Submission& failure);
     void enqueue(std::shared_ptr<vdBRAW_Request> request, const char* function);
     /// True when the request has ended; one that has not is cancelled.
     static bool finishedOrCancelled(vdBRAW_Request& request);

@@ -4,6 +4,9 @@
 // comes, the runtime leaves behind each time a thread-local slot, of which a process has about a thousand,
 // two handles for each thread that came by, and a pool of some 70 KiB. The linker's --wrap has it use the
 // functions here instead.
+
+// The names below are the toolchain's own, and what its linker makes of them.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 #include <cerrno>
 
 #include <pthread.h>
@@ -107,3 +110,4 @@ void __wrap___cxa_guard_abort(Guard* guard) {
 }
 
 } // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)

@@ -7,40 +7,6 @@
 
 namespace {
 
-/// Arms an allocator for the product's own work of each run.
-class Shortage {
-public:
-    Shortage(Scenario& scenario, ProofAllocatorControl& control) : m_scenario(scenario), m_control(control) {
-        scenario.onStart = [this] {
-            m_control.failures = 0;
-            m_control.staysEmpty = m_stays;
-            m_control.countdown = m_number;
-        };
-        scenario.onEnd = [this] {
-            m_control.countdown = 0;
-            m_control.staysEmpty = false;
-            m_control.isEmpty = false;
-        };
-    }
-    ~Shortage() { m_scenario.onStart = m_scenario.onEnd = nullptr; }
-    Shortage(const Shortage&) = delete;
-    Shortage& operator=(const Shortage&) = delete;
-
-    /// Which allocation of the next runs fails, 1 for the first, 0 for none; and whether those after it do
-    /// too.
-    void set(int64_t number, bool stays) {
-        m_number = number;
-        m_stays = stays;
-    }
-    int64_t failures() const { return m_control.failures; }
-
-private:
-    Scenario& m_scenario;
-    ProofAllocatorControl& m_control;
-    int64_t m_number = 0;
-    bool m_stays = false;
-};
-
 struct Road {
     std::unique_ptr<Scenario> scenario;
     ProofAllocatorControl& control;
@@ -50,36 +16,40 @@ struct Road {
 
 constexpr int64_t endless = 100'000;
 
+/// Lets the allocations fail, from the first of the product's own on, each in a run of its own.
 void tryAllocations(Road& road, ProofForm form, bool stays, ProofTally& tally) {
     Scenario& scenario = *road.scenario;
     const int64_t step = form == ProofForm::full ? 1 : road.briefStep;
-    Shortage shortage(scenario, road.control);
     bool reached = true;
-    for (int64_t number = 1; reached && number < endless; number += step) {
-        const std::string attempt = scenario.name() + ", memory runs out " + (stays ? "from" : "at") +
-                                    " allocation " + std::to_string(number);
-        tally.begin(attempt);
-        const int64_t blocks = road.control.liveBlocks;
-        shortage.set(number, stays);
-        const ScenarioOutcome outcome = scenario.run();
-        reached = shortage.failures() > 0;
-        std::string trouble =
-            scenario.troubleAfter(outcome, reached ? Expected::rightIfAny : Expected::picture);
-        shortage.set(0, false);
-        if (trouble.empty() && road.isLibrary && road.control.liveBlocks != blocks)
-            trouble = std::to_string(road.control.liveBlocks - blocks) + " blocks were not deleted";
-        if (trouble.empty())
-            if (const std::string next = scenario.troubleInGoodRun(); !next.empty())
-                trouble = "the next one, with memory: " + next;
-        tally.count(attempt, trouble);
-    }
+    for (int64_t number = 1; reached && number < endless; number += step)
+        tally.attempt(scenario.name() + ", memory runs out " + (stays ? "from" : "at") + " allocation " +
+                          std::to_string(number),
+                      [&] {
+                          const int64_t blocks = road.control.liveBlocks;
+                          scenario.onStart = [&] {
+                              road.control.failures = 0;
+                              road.control.staysEmpty = stays;
+                              road.control.countdown = number;
+                          };
+                          scenario.onEnd = [&] {
+                              road.control.countdown = 0;
+                              road.control.staysEmpty = road.control.isEmpty = false;
+                          };
+                          const ScenarioOutcome outcome = scenario.run();
+                          scenario.onStart = scenario.onEnd = [] {};
+                          reached = road.control.failures > 0;
+                          std::string trouble = scenario.troubleAfter(outcome, reached ? Expected::rightIfAny
+                                                                                       : Expected::picture);
+                          if (const int64_t more = road.control.liveBlocks - blocks;
+                              trouble.empty() && road.isLibrary && more != 0)
+                              trouble = std::to_string(more) + " blocks were not deleted";
+                          return scenario.orTroubleInNextRun(trouble);
+                      });
 }
 
 void run(ProofForm form, ProofTally& tally) {
     const auto handler = [](UINT size) {
-        return makeThumbnailScenario({.handler = builtFile("proof", L"Clipforge_Thumbnails.dll"),
-                                      .size = size,
-                                      .unloadEachRun = true});
+        return makeThumbnailScenario({.handler = builtFile("proof"), .size = size, .unloadEachRun = true});
     };
     Road roads[] = {
         {handler(64), *librariesAllocator(), true, 1},
@@ -88,9 +58,10 @@ void run(ProofForm form, ProofTally& tally) {
         {makeSettingsScenario(), programAllocator(), false, 5},
     };
     for (Road& road : roads) {
-        tally.count(road.scenario->name() + ", with memory", road.scenario->troubleInGoodRun());
-        tryAllocations(road, form, false, tally);
-        tryAllocations(road, form, true, tally);
+        tally.attempt(road.scenario->name() + ", with memory",
+                      [&] { return road.scenario->troubleInGoodRun(); });
+        for (const bool stays : {false, true})
+            tryAllocations(road, form, stays, tally);
     }
 }
 

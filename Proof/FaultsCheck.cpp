@@ -47,14 +47,12 @@ bool applies(const FaultRow& row, std::string_view call) {
     }
 }
 
-constexpr const char* releaseResource = "IBlackmagicRawResourceManager::ReleaseResource";
-
 /// A call on whose word the picture depends, and that nothing can check: what it lies about shows there, and
 /// nowhere else.
 struct PictureShaper {
     const char* call;
-    const char* scenario = ""; ///< what the name of a scenario must contain for it
-    bool mayFail = false;      ///< its failure is not missed either
+    std::string_view scenarios = ""; ///< the names of those in which it is; none for all
+    bool mayFail = false;            ///< its failure is not missed either
 };
 constexpr PictureShaper pictureShapers[] = {
     {"IBlackmagicRawClip::GetFrameCount"}, // a clip without frames is answered with a transparent picture
@@ -63,14 +61,9 @@ constexpr PictureShaper pictureShapers[] = {
     {"IBlackmagicRawClipResolutions::GetResolutionCount"}, // fewer to choose from
     {"IBlackmagicRawClipGeometry::SetVerticalFlip", "", true},
     // Where the picture has another size than the image, the image's own is all there is to go by.
-    {"IBlackmagicRawProcessedImage::GetWidth", "thumbnail 200"},
-    {"IBlackmagicRawProcessedImage::GetHeight", "thumbnail 200"},
-    {"IBlackmagicRawProcessedImage::GetWidth", "gpu"},
-    {"IBlackmagicRawProcessedImage::GetHeight", "gpu"},
-    {"IBlackmagicRawProcessedImage::GetResourceSizeBytes", "gpu"},
-    {"IBlackmagicRawProcessedImage::GetWidth", "settings"},
-    {"IBlackmagicRawProcessedImage::GetHeight", "settings"},
-    {"IBlackmagicRawProcessedImage::GetResourceSizeBytes", "settings"},
+    {"IBlackmagicRawProcessedImage::GetWidth", "thumbnail 200, gpu, settings"},
+    {"IBlackmagicRawProcessedImage::GetHeight", "thumbnail 200, gpu, settings"},
+    {"IBlackmagicRawProcessedImage::GetResourceSizeBytes", "gpu, settings"},
     {"IBlackmagicRawManualDecoderFlow2::GetDecodedSizeBytes", "gpu"}, // how much goes to the device
     {"IBlackmagicRawResourceManager::CopyResource", "gpu"},
 };
@@ -79,65 +72,55 @@ Expected expectedOf(const FaultRow& row, const std::string& call, const std::str
     if (row.kind == Kind::delay)
         return Expected::picture;
     const bool bends = std::ranges::any_of(pictureShapers, [&](const PictureShaper& shaper) {
-        return call == shaper.call && scenario.find(shaper.scenario) != scenario.npos &&
+        return call == shaper.call &&
+               (shaper.scenarios.empty() || shaper.scenarios.find(scenario) != scenario.npos) &&
                (row.kind != Kind::fail || shaper.mayFail);
     });
     return bends ? Expected::anythingBounded : Expected::rightIfAny;
 }
 
 void tryFault(Scenario& scenario, ProofTally& tally, const std::string& what,
-              const std::vector<ReferenceDecoderFault>& faults, Expected expected, uint32_t jobDelay = 0) {
-    const std::string attempt = scenario.name() + ", " + what;
-    tally.begin(attempt);
-    const ScenarioOutcome outcome = scenario.run(faults, jobDelay);
-    for (const ReferenceDecoderFault& fault : faults)
-        if (fault.name == releaseResource && (fault.kind == Kind::fail || fault.kind == Kind::succeedEmpty))
-            scenario.forgetRefusedResources(1);
-    std::string trouble = scenario.troubleAfter(outcome, expected);
-    if (trouble.empty() && scenario.decoder().account().faultsFired == 0)
-        trouble = "the fault was never reached";
-    if (trouble.empty())
-        if (const std::string next = scenario.troubleInGoodRun(); !next.empty())
-            trouble = "the next one, without the fault: " + next;
-    tally.count(attempt, trouble);
+              const ReferenceDecoderFault& fault, Expected expected, uint32_t jobDelay = 0) {
+    tally.attempt(scenario.name() + ", " + what, [&] {
+        const ScenarioOutcome outcome = scenario.run({fault}, jobDelay);
+        if (fault.name == "IBlackmagicRawResourceManager::ReleaseResource" &&
+            (fault.kind == Kind::fail || fault.kind == Kind::succeedEmpty))
+            scenario.forgetRefusedResource();
+        std::string trouble = scenario.troubleAfter(outcome, expected);
+        if (trouble.empty() && scenario.decoder().account().faultsFired == 0)
+            trouble = "the fault was never reached";
+        return scenario.orTroubleInNextRun(trouble);
+    });
 }
 
 void tryEveryCall(Scenario& scenario, ProofForm form, bool isMain, ProofTally& tally) {
-    tally.begin(scenario.name() + ", no fault");
-    tally.count(scenario.name() + ", no fault", scenario.troubleInGoodRun());
-    scenario.run();
+    tally.attempt(scenario.name() + ", no fault", [&] { return scenario.troubleInGoodRun(); });
     const std::vector<ReferenceDecoderCall> calls = scenario.decoder().recording();
     constexpr size_t sample = 11;
     size_t number = 0;
     for (const FaultRow& row : rows)
         for (const ReferenceDecoderCall& call : calls) {
-            if (!applies(row, call.name))
-                continue;
             const bool isWhole = form == ProofForm::full || (isMain && row.isInBrief);
-            if (!isWhole && number++ % sample != 0)
-                continue;
-            tryFault(scenario, tally, call.name + " #" + std::to_string(call.occurrence) + ": " + row.what,
-                     {{call.name, call.occurrence, row.kind, row.value}},
-                     expectedOf(row, call.name, scenario.name()));
+            if (applies(row, call.name) && (isWhole || number++ % sample == 0))
+                tryFault(scenario, tally,
+                         call.name + " #" + std::to_string(call.occurrence) + ": " + row.what,
+                         {call.name, call.occurrence, row.kind, row.value},
+                         expectedOf(row, call.name, scenario.name()));
         }
 }
 
 /// The flush that shall wait for the jobs fails at once, while they run; and every later one as well.
 void tryFlushes(Scenario& scenario, ProofForm form, ProofTally& tally) {
-    constexpr const char* flush = "IBlackmagicRaw::FlushJobs";
     for (const uint32_t jobDelay : {1u, 5u, 20u, 60u})
-        for (const uint32_t occurrence : {0u, 1u}) {
-            if (form == ProofForm::brief && jobDelay != 20)
-                continue;
-            tryFault(scenario, tally,
-                     "flush #" + std::to_string(occurrence) + " fails before jobs of " +
-                         std::to_string(jobDelay) + " ms",
-                     {{flush, occurrence, Kind::fail, E_FAIL}}, Expected::rightIfAny, jobDelay);
-            tryFault(scenario, tally,
-                     "flush #" + std::to_string(occurrence) + " does nothing before jobs of " +
-                         std::to_string(jobDelay) + " ms",
-                     {{flush, occurrence, Kind::succeedEmpty, 0}}, Expected::rightIfAny, jobDelay);
-        }
+        for (const uint32_t occurrence : {0u, 1u})
+            for (const Kind kind : {Kind::fail, Kind::succeedEmpty})
+                if (form == ProofForm::full || jobDelay == 20)
+                    tryFault(scenario, tally,
+                             "flush #" + std::to_string(occurrence) +
+                                 (kind == Kind::fail ? " fails" : " does nothing") + " before jobs of " +
+                                 std::to_string(jobDelay) + " ms",
+                             {"IBlackmagicRaw::FlushJobs", occurrence, kind, E_FAIL}, Expected::rightIfAny,
+                             jobDelay);
 }
 
 void run(ProofForm form, ProofTally& tally) {

@@ -12,43 +12,38 @@
 namespace {
 
 constexpr uint64_t maximumShown = 20;
-constexpr int64_t longestSilenceSeconds = 300;
+constexpr int64_t longestSilenceSeconds = 120;
 
 /// What is being tried, for when the program cannot go on.
 char g_attempt[256] = "(nothing yet)";
 std::atomic<int64_t> g_silentSeconds{0};
 
+/// The program cannot go on. Takes no memory, of which there may be none.
+void lose(const char* how, UINT exitCode) {
+    std::printf("  LOST  %s: %s\n", g_attempt, how);
+    std::fflush(stdout);
+    TerminateProcess(GetCurrentProcess(), exitCode);
+}
+
 LONG WINAPI reportCrash(EXCEPTION_POINTERS* exception) {
     const auto* const address = static_cast<const char*>(exception->ExceptionRecord->ExceptionAddress);
     HMODULE module = nullptr;
-    char name[MAX_PATH] = "?";
+    char name[MAX_PATH] = "?", how[MAX_PATH + 64];
     GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
                        address, &module);
     GetModuleFileNameA(module, name, MAX_PATH);
-    std::printf("  LOST  %s: crashed with 0x%08lX at offset 0x%llX of %s\n", g_attempt,
-                exception->ExceptionRecord->ExceptionCode,
-                static_cast<unsigned long long>(address - reinterpret_cast<const char*>(module)), name);
-    std::fflush(stdout);
-    TerminateProcess(GetCurrentProcess(), 3);
+    std::snprintf(how, sizeof how, "crashed with 0x%08lX at offset 0x%llX of %s",
+                  exception->ExceptionRecord->ExceptionCode,
+                  static_cast<unsigned long long>(address - reinterpret_cast<const char*>(module)), name);
+    lose(how, 3);
     return EXCEPTION_EXECUTE_HANDLER;
 }
 
-/// An exception that nobody took, here or in a library.
-void reportAbort(int) {
-    std::printf("  LOST  %s: aborted\n", g_attempt);
-    std::fflush(stdout);
-    TerminateProcess(GetCurrentProcess(), 3);
-}
-
 DWORD WINAPI watch(void*) {
-    for (;;) {
+    while (++g_silentSeconds < longestSilenceSeconds)
         Sleep(1000);
-        if (++g_silentSeconds < longestSilenceSeconds)
-            continue;
-        std::printf("  LOST  %s: does not end\n", g_attempt);
-        std::fflush(stdout);
-        TerminateProcess(GetCurrentProcess(), 4);
-    }
+    lose("does not end", 4);
+    return 0;
 }
 
 int usage() {
@@ -97,7 +92,7 @@ int main(int argc, char** argv) {
               [](const ProofCheck& a, const ProofCheck& b) { return std::strcmp(a.name, b.name) < 0; });
 
     SetUnhandledExceptionFilter(reportCrash);
-    std::signal(SIGABRT, reportAbort);
+    std::signal(SIGABRT, [](int) { lose("aborted", 3); }); // an exception that nobody took
     CloseHandle(CreateThread(nullptr, 0, watch, nullptr, 0, nullptr));
 
     std::vector<std::string> table;

@@ -14,20 +14,22 @@ enum class ProofForm { brief, full };
 /// What a check tried and what survived it.
 class ProofTally {
 public:
-    /// Names the attempt that follows, so that one which takes the program down, or never ends, has a name.
-    void begin(const std::string& attempt);
-    /// Counts one attempt; `trouble` is empty when it was survived, and tells what was lost otherwise.
-    void count(const std::string& attempt, const std::string& trouble);
-    /// Counts `tried` attempts that all went well.
-    void countGood(uint64_t tried) {
-        m_tried += tried;
-        m_survived += tried;
+    /// Counts one attempt; `work` gives nothing when it was survived, and tells what was lost otherwise. The
+    /// attempt's name is known to whoever ends the program, should it crash or never end.
+    template <class Work>
+    void attempt(const std::string& name, const Work& work) {
+        begin(name);
+        count(name, work());
     }
+    /// The same for an attempt that was made already.
+    void count(const std::string& attempt, const std::string& trouble);
 
     uint64_t tried() const { return m_tried; }
     uint64_t survived() const { return m_survived; }
 
 private:
+    static void begin(const std::string& attempt);
+
     uint64_t m_tried = 0;
     uint64_t m_survived = 0;
 };

@@ -128,17 +128,13 @@ void giveBlock(void* block) {
 
 #endif
 
-void* allocate(size_t bytes, size_t alignment) noexcept {
+void* allocate(size_t bytes, size_t alignment) {
     ProofAllocatorControl& mine = control();
     void* const block = isToFail(mine) ? nullptr : takeBlock(bytes, alignment);
-    mine.liveBlocks += block != nullptr;
+    if (block == nullptr)
+        throw std::bad_alloc();
+    ++mine.liveBlocks;
     return block;
-}
-
-void* allocateOrThrow(size_t bytes, size_t alignment) {
-    if (void* const block = allocate(bytes, alignment))
-        return block;
-    throw std::bad_alloc();
 }
 
 void release(void* block) noexcept {
@@ -147,8 +143,6 @@ void release(void* block) noexcept {
     --control().liveBlocks;
     giveBlock(block);
 }
-
-constexpr size_t usual = __STDCPP_DEFAULT_NEW_ALIGNMENT__;
 
 } // namespace
 
@@ -160,25 +154,16 @@ ProofAllocatorControl* librariesAllocator() {
     return &g_libraries;
 }
 
-// clang-format off
-void* operator new(size_t n) { return allocateOrThrow(n, usual); }
-void* operator new[](size_t n) { return allocateOrThrow(n, usual); }
-void* operator new(size_t n, const std::nothrow_t&) noexcept { return allocate(n, usual); }
-void* operator new[](size_t n, const std::nothrow_t&) noexcept { return allocate(n, usual); }
-void* operator new(size_t n, std::align_val_t a) { return allocateOrThrow(n, static_cast<size_t>(a)); }
-void* operator new[](size_t n, std::align_val_t a) { return allocateOrThrow(n, static_cast<size_t>(a)); }
-void* operator new(size_t n, std::align_val_t a, const std::nothrow_t&) noexcept { return allocate(n, static_cast<size_t>(a)); }
-void* operator new[](size_t n, std::align_val_t a, const std::nothrow_t&) noexcept { return allocate(n, static_cast<size_t>(a)); }
-void operator delete(void* p) noexcept { release(p); }
-void operator delete[](void* p) noexcept { release(p); }
-void operator delete(void* p, size_t) noexcept { release(p); }
-void operator delete[](void* p, size_t) noexcept { release(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { release(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { release(p); }
-void operator delete(void* p, std::align_val_t) noexcept { release(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { release(p); }
-void operator delete(void* p, size_t, std::align_val_t) noexcept { release(p); }
-void operator delete[](void* p, size_t, std::align_val_t) noexcept { release(p); }
-void operator delete(void* p, std::align_val_t, const std::nothrow_t&) noexcept { release(p); }
-void operator delete[](void* p, std::align_val_t, const std::nothrow_t&) noexcept { release(p); }
-// clang-format on
+// The standard library's other forms, for arrays, without exceptions and with sizes, all lead here.
+void* operator new(size_t bytes) {
+    return allocate(bytes, __STDCPP_DEFAULT_NEW_ALIGNMENT__);
+}
+void* operator new(size_t bytes, std::align_val_t alignment) {
+    return allocate(bytes, static_cast<size_t>(alignment));
+}
+void operator delete(void* block) noexcept {
+    release(block);
+}
+void operator delete(void* block, std::align_val_t) noexcept {
+    release(block);
+}

@@ -1,55 +1,87 @@
-// The roads that the proof sends trouble down: a thumbnail through the handler library, and two on which the
-// decode core works in this process. One interface for all: run it, then look what it left.
+// What the proof asks the products, over and over: for pictures that are known, on three roads that trouble
+// can be sent down, a thumbnail through the handler library and two on which the decode core works in this
+// process. And what may not be left once the answer is there.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include <windows.h>
-
+#include "GdiObjects.h"
 #include "HandlerHost.h"
 #include "ReferenceDecoderSession.h"
 #include "TemporaryFolder.h"
 #include "TestClips.h"
 
-/// A file of this build: `folder` as it is called in the build folder.
-std::filesystem::path builtFile(const char* folder, const wchar_t* name);
+/// The full path of a file of this build: `folder` as it is called in the build folder.
+std::filesystem::path builtFile(const char* folder, const wchar_t* name = L"Clipforge_Thumbnails.dll");
 
-/// Nobody has the file open: it could be deleted now.
-bool isFree(const std::wstring& path);
+/// "0x80004005"
+std::string resultText(HRESULT result);
 
 /// Blue, green, red and alpha of all pixels, top row first: the clip's frame decoded at 1/factor.
 std::vector<uint8_t> expectedPicture(const TestClip& clip, uint32_t factor);
 
-/// The pixels of a thumbnail in the same order; empty when it is no 32-bit bottom-up DIB section.
-std::vector<uint8_t> picturePixels(HBITMAP bitmap);
+/// A question to the handler and its only right answer.
+struct KnownQuestion {
+    std::wstring clip;
+    UINT size;
+    HRESULT result;
+    std::vector<uint8_t> pixels; ///< as expectedPicture's; of a picture alone
 
-/// Memory whose end is the end of the accessible: one byte too far stops the run.
-class GuardedMemory {
+    /// Asks and compares to the last pixel. Empty when the answer is right.
+    std::string trouble(const HandlerLibrary* library) const;
+};
+
+/// Good and bad clips at good and bad sizes; the files live as long as the object. Read by any thread.
+class KnownQuestions {
 public:
-    GuardedMemory() = default;
-    /// All zero. Null when there is no such memory.
-    explicit GuardedMemory(size_t bytes);
-    GuardedMemory(GuardedMemory&& other) noexcept
-        : m_pages(std::exchange(other.m_pages, nullptr)), m_start(other.m_start), m_bytes(other.m_bytes) {}
-    GuardedMemory& operator=(GuardedMemory&& other) noexcept {
-        std::swap(m_pages, other.m_pages);
-        m_start = other.m_start;
-        m_bytes = other.m_bytes;
-        return *this;
-    }
-    ~GuardedMemory();
-    uint8_t* data() const { return m_pages ? m_start : nullptr; }
-    size_t size() const { return m_pages ? m_bytes : 0; }
+    KnownQuestions();
+    const std::vector<KnownQuestion>& all() const { return m_questions; }
+    /// A clip of 64 by 48 at its full size.
+    const KnownQuestion& good() const { return m_questions.front(); }
 
 private:
-    void* m_pages = nullptr;
-    uint8_t* m_start = nullptr;
-    size_t m_bytes = 0;
+    TemporaryFolder m_folder;
+    std::vector<KnownQuestion> m_questions;
+};
+
+/// Waits until the decoder library is gone, which goes with its last thread; false when it stays.
+bool isDecoderUnloaded();
+
+/// Looks what was left behind since its making or the last start.
+class Leftovers {
+public:
+    Leftovers() { start(); }
+    void start();
+    /// Empty when all references, resources and GDI objects came back and the decoder library is gone. Whom
+    /// the decoder lied to may have passed it wrong arguments.
+    std::string trouble(bool mayMisuse = false) const;
+    ReferenceDecoderSession& decoder() { return m_decoder; }
+
+private:
+    ReferenceDecoderSession m_decoder;
+    uint32_t m_gdiObjects = 0;
+};
+
+/// Puts the registration of the handler back as it was: the prefix is others' too.
+class RegistrationKeeper {
+public:
+    RegistrationKeeper() : m_before(registeredLibrary()) {}
+    ~RegistrationKeeper();
+    RegistrationKeeper(const RegistrationKeeper&) = delete;
+    RegistrationKeeper& operator=(const RegistrationKeeper&) = delete;
+    /// The library that the class is registered with now.
+    static std::optional<std::wstring> registeredLibrary();
+    /// Loads the library for one call of its export without arguments.
+    static HRESULT call(const std::wstring& library, const char* name);
+
+private:
+    std::optional<std::wstring> m_before;
 };
 
 /// One of the pictures that a run shall give.
@@ -79,54 +111,42 @@ public:
     Scenario& operator=(const Scenario&) = delete;
 
     const std::string& name() const { return m_name; }
-    ReferenceDecoderSession& decoder() { return m_decoder; }
+    ReferenceDecoderSession& decoder() { return m_leftovers.decoder(); }
 
     /// One run against a decoder that shows these faults and whose jobs each take so long. The session is
     /// reset before, so account and recording are this run's alone.
     ScenarioOutcome run(const std::vector<ReferenceDecoderFault>& faults = {},
                         uint32_t jobDelayMilliseconds = 0);
-
     /// What is not as it must be after that run; empty when all is well.
-    std::string troubleAfter(const ScenarioOutcome& outcome, Expected expected);
-    /// To be called first after a run in which the decoder refused to take `count` resources back: they, and
-    /// no others, are still out, and are forgotten.
-    void forgetRefusedResources(int64_t count);
+    std::string troubleAfter(const ScenarioOutcome& outcome, Expected expected) const;
+    /// To be called first after a run in which the decoder refused to take a resource back: it, and no other,
+    /// is still out, and is forgotten.
+    void forgetRefusedResource();
     /// A run with nothing in its way must give the right picture and leave nothing.
     std::string troubleInGoodRun();
+    /// `trouble`, or when there is none that of a good run after it.
+    std::string orTroubleInNextRun(const std::string& trouble);
 
     /// Called right before and right after the product's own work of a run.
-    std::function<void()> onStart, onEnd;
+    std::function<void()> onStart = [] {}, onEnd = [] {};
 
 protected:
-    explicit Scenario(std::string name);
+    explicit Scenario(std::string name, const TestClip& clip);
     virtual void work(ScenarioOutcome& outcome) = 0;
     virtual void prepareDecoder() {}
 
-    void start() const {
-        if (onStart)
-            onStart();
-    }
-    void end() const {
-        if (onEnd)
-            onEnd();
-    }
-
     std::string m_name;
     TemporaryFolder m_folder;
-    ReferenceDecoderSession m_decoder;
-    std::filesystem::path m_clipPath;
-    std::vector<std::vector<uint8_t>>
-        m_expected; ///< pictures of a good run; learnt from the first when empty
-
-private:
-    uint32_t m_gdiObjects = 0;
+    std::filesystem::path m_clipPath = (m_folder.path() / "clip.braw").make_preferred();
+    Leftovers m_leftovers;
+    std::vector<std::vector<uint8_t>> m_expected; ///< of a good run; learnt from the first when empty
 };
 
 struct ThumbnailScenarioSettings {
-    std::filesystem::path handler = builtFile("bin", L"Clipforge_Thumbnails.dll");
+    std::filesystem::path handler = builtFile("bin");
     UINT size = 64;
     bool unloadEachRun = false;
-    std::function<void(HMODULE)> onLoad = {}; ///< called each time that the library was loaded
+    std::function<void(HMODULE)> onLoad = [](HMODULE) {}; ///< called each time that the library was loaded
 };
 /// The handler library by COM's rules. A size above 180 asks for more than the clip has.
 std::unique_ptr<Scenario> makeThumbnailScenario(const ThumbnailScenarioSettings& settings = {});

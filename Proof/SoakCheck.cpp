@@ -10,8 +10,6 @@
 
 #include <psapi.h>
 
-#include "GdiObjects.h"
-#include "KnownQuestions.h"
 #include "Proof.h"
 #include "Scenario.h"
 
@@ -40,8 +38,8 @@ int64_t countHandles() {
     };
     constexpr int systemExtendedHandleInformation = 64;
     static List list;
-    const auto query = reinterpret_cast<LONG(WINAPI*)(int, void*, ULONG, ULONG*)>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
+    const auto query = exportOf<LONG(WINAPI*)(int, void*, ULONG, ULONG*)>(GetModuleHandleW(L"ntdll.dll"),
+                                                                          "NtQuerySystemInformation");
     if (DWORD count = 0; query(systemExtendedHandleInformation, &list, sizeof list, nullptr) < 0)
         return GetProcessHandleCount(GetCurrentProcess(), &count) ? count : 0;
     int64_t own = 0;
@@ -71,7 +69,8 @@ void addHeap(HANDLE heap, Holdings& holdings) {
     HeapUnlock(heap);
 }
 
-Holdings takeHoldings() {
+/// Prints them, too.
+Holdings takeHoldings(uint32_t thumbnails) {
     isDecoderUnloaded();
     Holdings now{};
     now[handles] = countHandles();
@@ -88,15 +87,12 @@ Holdings takeHoldings() {
     const DWORD heapCount = GetProcessHeaps(64, heaps);
     for (DWORD i = 0; i < heapCount && i < 64; ++i)
         addHeap(heaps[i], now);
-    return now;
-}
-
-void show(uint32_t thumbnails, const Holdings& holdings) {
     std::printf("  after %4u thumbnails:", thumbnails);
-    for (int i = 0; i < holdingCount; ++i)
-        std::printf(" %lld %s%s", static_cast<long long>(std::abs(holdings[static_cast<size_t>(i)])),
-                    i == threadSlots ? "free " : "", kinds[i].name);
+    for (size_t i = 0; i < holdingCount; ++i)
+        std::printf(" %lld %s%s", static_cast<long long>(std::abs(now[i])), i == threadSlots ? "free " : "",
+                    kinds[i].name);
     std::printf("\n");
+    return now;
 }
 
 /// As a host's life goes: most questions on one thread, some on one that comes and goes, and now and then the
@@ -104,7 +100,7 @@ void show(uint32_t thumbnails, const Holdings& holdings) {
 void soak(ProofForm form, ProofTally& tally) {
     constexpr uint32_t settled = 100, questionsPerThread = 10, questionsPerLoad = 25;
     const uint32_t total = form == ProofForm::full ? 5000 : 400;
-    const std::wstring path = builtFile("bin", L"Clipforge_Thumbnails.dll").make_preferred().wstring();
+    const std::wstring path = builtFile("bin");
     const KnownQuestions questions;
     Leftovers leftovers;
     HandlerLibrary library;
@@ -112,25 +108,23 @@ void soak(ProofForm form, ProofTally& tally) {
     for (uint32_t i = 0; i < total; ++i) {
         if (i % questionsPerLoad == 0)
             library.load(path);
-        if (i == settled) {
-            before = takeHoldings();
-            show(i, before);
-        }
+        if (i == settled)
+            before = takeHoldings(i);
         const KnownQuestion& question = questions.all()[i % questions.all().size()];
-        std::string trouble;
-        if (i % questionsPerThread == 0)
-            std::thread([&] { trouble = troubleInAnswer(question, &library); }).join();
-        else
-            trouble = troubleInAnswer(question, &library);
-        if (i % questionsPerLoad == questionsPerLoad - 1 && library.unload() != S_OK)
-            trouble += " The handler cannot be unloaded.";
-        if (trouble.empty())
-            trouble = leftovers.trouble();
-        tally.count("thumbnail " + std::to_string(i), trouble);
+        tally.attempt("thumbnail " + std::to_string(i), [&] {
+            std::string trouble;
+            const auto ask = [&] { trouble = question.trouble(&library); };
+            if (i % questionsPerThread == 0)
+                std::thread(ask).join();
+            else
+                ask();
+            if (i % questionsPerLoad == questionsPerLoad - 1 && library.unload() != S_OK)
+                trouble += " The handler cannot be unloaded.";
+            return trouble.empty() ? leftovers.trouble() : trouble;
+        });
     }
     library.load(path); // as it was
-    const Holdings after = takeHoldings();
-    show(total, after);
+    const Holdings after = takeHoldings(total);
     for (size_t i = 0; i < holdingCount; ++i)
         tally.count(kinds[i].name,
                     after[i] <= before[i] + kinds[i].tolerance

@@ -52,21 +52,13 @@ struct Failure {
     int error = ENOMEM;
 };
 
-template <class Result>
-Result as(int64_t value) {
-    if constexpr (std::is_pointer_v<Result>)
-        return reinterpret_cast<Result>(static_cast<intptr_t>(value));
-    else
-        return static_cast<Result>(value);
-}
-
 template <size_t index, const Failure& failure, class Result, class... Arguments>
 Result failingNow(Arguments... arguments) {
     if (!g_taps[index].fails())
         return reinterpret_cast<Result (*)(Arguments...)>(g_taps[index].original)(arguments...);
     SetLastError(failure.lastError);
     errno = failure.error;
-    return as<Result>(failure.result);
+    return (Result)(static_cast<intptr_t>(failure.result)); // a number or a pointer
 }
 
 template <size_t index, const Failure& failure, class Result, class... Arguments>
@@ -123,130 +115,111 @@ const Row rows[] = {
 };
 #undef ROW
 
-/// Puts a row's stand before the import. False when the library has no such import.
-bool tap(HMODULE module, size_t index) {
-    void** const slot = importSlot(module, rows[index].name);
-    if (slot != nullptr && *slot != rows[index].stand)
-        g_taps[index].original = setImport(slot, rows[index].stand);
-    return slot != nullptr;
-}
-
-std::string resultText(HRESULT result) {
-    char text[32];
-    std::snprintf(text, sizeof text, "gave 0x%08lX", static_cast<unsigned long>(result));
-    return text;
-}
-
-std::string attemptName(const Scenario& scenario, const Row& row, int64_t number) {
-    return scenario.name() + ", " + row.name + " fails at call " + std::to_string(number);
-}
-
-constexpr int64_t endless = 2000;
-
-/// The handler of one folder of the build, loaded anew for each thumbnail with one import tapped.
-struct Road {
+/// The handler of one folder of the build, with one import tapped.
+class Road {
+public:
     Road(const char* folder, const std::filesystem::path& product)
-        : handler(builtFile(folder, L"Clipforge_Thumbnails.dll").make_preferred()), logs(product / "Logs"),
-          settings(product / "Clipforge_options.ini"),
-          scenario(makeThumbnailScenario({.handler = handler,
-                                          .unloadEachRun = true,
-                                          .onLoad = [this](HMODULE module) { tap(module, row); }})) {}
+        : m_handler(builtFile(folder)), m_logs(product / "Logs"),
+          m_settings(product / "Clipforge_options.ini"),
+          m_scenario(makeThumbnailScenario({.handler = m_handler,
+                                            .unloadEachRun = true,
+                                            .onLoad = [this](HMODULE module) { tap(module); }})) {}
 
-    std::filesystem::path handler, logs, settings;
-    size_t row = 0;
-    std::unique_ptr<Scenario> scenario;
+    std::string troubleInGoodRun() { return m_scenario->troubleInGoodRun(); }
+    /// Has each call of the row's function fail in a run of its own. Gives whether it was ever called.
+    bool tryRow(size_t index, int64_t step, ProofTally& tally);
+
+private:
+    const Row& row() const { return rows[m_row]; }
+    Tap& taken() const { return g_taps[m_row]; }
+    void tap(HMODULE module) const {
+        void** const slot = importSlot(module, row().name);
+        if (slot != nullptr && *slot != row().stand)
+            taken().original = setImport(slot, row().stand);
+    }
+    std::string troubleInThumbnail(int64_t number, bool& reached);
+    std::string troubleInRegistration(int64_t number, bool& reached);
+
+    const std::filesystem::path m_handler, m_logs, m_settings;
+    size_t m_row = 0;
+    std::unique_ptr<Scenario> m_scenario;
 };
 
-/// Gives whether the function was ever called.
-bool tryThumbnails(Road& road, int64_t step, ProofTally& tally) {
-    const Row& row = rows[road.row];
-    Tap& taken = g_taps[road.row];
-    const std::string settings = readFileBytes(road.settings);
-    Scenario& scenario = *road.scenario;
-    bool everReached = false;
-    bool reached = true;
-    for (int64_t number = 1; reached && number < endless; number += step) {
-        const std::string attempt = attemptName(scenario, row, number);
-        tally.begin(attempt);
-        if (std::string_view(row.name) == "_wmkdir")
-            std::filesystem::remove_all(road.logs);
-        reached = false;
-        scenario.onStart = [&] { taken.arm(number); };
-        scenario.onEnd = [&] {
-            reached = taken.failures > 0;
-            taken.arm(0);
-        };
-        const ScenarioOutcome outcome = scenario.run();
-        scenario.onStart = scenario.onEnd = nullptr;
-        everReached = everReached || reached;
-        std::string trouble =
-            scenario.troubleAfter(outcome, reached ? Expected::rightIfAny : Expected::picture);
-        const HRESULT result = outcome.result();
-        if (trouble.empty() && result != S_OK && result != row.results[0] && result != row.results[1])
-            trouble = resultText(result);
-        if (trouble.empty() && readFileBytes(road.settings) != settings)
-            trouble = "the settings file was changed";
-        if (trouble.empty())
-            if (const std::string next = scenario.troubleInGoodRun(); !next.empty())
-                trouble = "the next one, without the fault: " + next;
-        tally.count(attempt, trouble);
-    }
-    return everReached;
+/// Loaded anew for it.
+std::string Road::troubleInThumbnail(int64_t number, bool& reached) {
+    const std::string settings = readFileBytes(m_settings);
+    if (std::string_view(row().name) == "_wmkdir")
+        std::filesystem::remove_all(m_logs);
+    m_scenario->onStart = [&] { taken().arm(number); };
+    m_scenario->onEnd = [&] {
+        reached = taken().failures > 0;
+        taken().arm(0);
+    };
+    const ScenarioOutcome outcome = m_scenario->run();
+    m_scenario->onStart = m_scenario->onEnd = [] {};
+    std::string trouble =
+        m_scenario->troubleAfter(outcome, reached ? Expected::rightIfAny : Expected::picture);
+    const HRESULT result = outcome.result();
+    if (trouble.empty() && result != S_OK && result != row().results[0] && result != row().results[1])
+        trouble = "gave " + resultText(result);
+    if (trouble.empty() && readFileBytes(m_settings) != settings)
+        trouble = "the settings file was changed";
+    return m_scenario->orTroubleInNextRun(trouble);
 }
 
 /// The first failure ends the registration, with that row's code; what was written before stays.
-bool tryRegistrations(Road& road, int64_t step, ProofTally& tally) {
-    const Row& row = rows[road.row];
-    Tap& taken = g_taps[road.row];
+std::string Road::troubleInRegistration(int64_t number, bool& reached) {
+    const char* const work = row().work == Work::removal ? "DllUnregisterServer" : "DllRegisterServer";
     HandlerLibrary library;
-    if (library.load(road.handler.wstring()) != S_OK)
-        return false;
-    const HMODULE module = GetModuleHandleW(road.handler.c_str());
-    const auto call = [module](const char* name) {
-        return reinterpret_cast<HRESULT(WINAPI*)()>(reinterpret_cast<void*>(GetProcAddress(module, name)))();
-    };
-    const char* const work = row.work == Work::removal ? "DllUnregisterServer" : "DllRegisterServer";
-    bool everReached = false;
-    bool reached = tap(module, road.row);
-    for (int64_t number = 1; reached && number < endless; number += step) {
-        const std::string attempt = attemptName(*road.scenario, row, number);
-        tally.begin(attempt);
-        taken.arm(number);
-        const HRESULT result = call(work);
-        reached = taken.failures > 0;
-        everReached = everReached || reached;
-        std::string trouble;
-        if (result != (reached ? row.results[0] : S_OK))
-            trouble = resultText(result);
-        else if (taken.callsAfter > 0)
-            trouble = "went on after the failure";
-        taken.arm(0);
-        if (trouble.empty() && call(work) != S_OK)
-            trouble = "fails without the fault too";
-        tally.count(attempt, trouble);
-    }
+    if (library.load(m_handler) != S_OK)
+        return "cannot be loaded";
+    tap(library.module());
+    taken().arm(number);
+    const HRESULT result = library.call(work);
+    reached = taken().failures > 0;
+    const bool wentOn = taken().callsAfter > 0;
+    taken().arm(0);
+    if (result != (reached ? row().results[0] : S_OK))
+        return "gave " + resultText(result);
+    if (wentOn)
+        return "went on after the failure";
+    return library.call(work) == S_OK ? "" : "fails without the fault too";
+}
+
+bool Road::tryRow(size_t index, int64_t step, ProofTally& tally) {
+    constexpr int64_t endless = 2000;
+    m_row = index;
+    bool everReached = false, reached = true;
+    for (int64_t number = 1; reached && number < endless; number += step)
+        tally.attempt(m_scenario->name() + ", " + row().name + " fails at call " + std::to_string(number),
+                      [&] {
+                          reached = false;
+                          const std::string trouble = row().work == Work::thumbnail
+                                                          ? troubleInThumbnail(number, reached)
+                                                          : troubleInRegistration(number, reached);
+                          everReached = everReached || reached;
+                          return trouble;
+                      });
     return everReached;
 }
 
 void run(ProofForm form, ProofTally& tally) {
+    const RegistrationKeeper keeper;
     const TemporaryFolder home;
     const EnvironmentVariable profile(L"USERPROFILE", home.path().c_str());
     const std::filesystem::path product = home.path() / "AppData" / "Roaming" / "Verdane" / "Clipforge";
     std::filesystem::create_directories(product);
     writeFileBytes(product / "Clipforge_options.ini", "[General]\nlogging = INFO\n");
-    const int64_t step = form == ProofForm::full ? 1 : 11;
     bool reached[std::size(rows)] = {};
     for (const char* folder : {"bin", "logging"}) {
         Road road(folder, product);
-        tally.count(std::string(folder) + ", no fault", road.scenario->troubleInGoodRun());
-        for (road.row = 0; road.row < std::size(rows); ++road.row) {
-            const auto tryRow = rows[road.row].work == Work::thumbnail ? tryThumbnails : tryRegistrations;
-            reached[road.row] |= tryRow(road, step, tally);
-        }
+        tally.attempt(std::string(folder) + ", no fault", [&] { return road.troubleInGoodRun(); });
+        for (size_t row = 0; row < std::size(rows); ++row)
+            reached[row] |= road.tryRow(row, form == ProofForm::full ? 1 : 11, tally);
     }
-    for (size_t index = 0; index < std::size(rows); ++index)
-        if (!reached[index])
-            tally.count(rows[index].name, "is never called, so its failure was not tried");
+    for (size_t row = 0; row < std::size(rows); ++row)
+        if (!reached[row])
+            tally.count(rows[row].name, "is never called, so its failure was not tried");
 }
 
 PROOF_CHECK("windows", "each call to Windows that can fail does, once", run);

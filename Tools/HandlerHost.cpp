@@ -7,11 +7,6 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-template <typename Function>
-Function exportOf(HMODULE module, const char* name) {
-    return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
-}
-
 HRESULT lastError() {
     return HRESULT_FROM_WIN32(GetLastError());
 }
@@ -41,11 +36,15 @@ HRESULT HandlerLibrary::createHandler(REFIID riid, void** object) const {
     return FAILED(result) ? result : factory->CreateInstance(nullptr, riid, object);
 }
 
+HRESULT HandlerLibrary::call(const char* name) const {
+    const auto function = exportOf<HRESULT(WINAPI*)()>(m_module, name);
+    return function != nullptr ? function() : E_NOINTERFACE;
+}
+
 HRESULT HandlerLibrary::unload() {
     if (m_module == nullptr)
         return S_OK;
-    const auto canUnloadNow = exportOf<decltype(&DllCanUnloadNow)>(m_module, "DllCanUnloadNow");
-    if (canUnloadNow != nullptr && canUnloadNow() != S_OK)
+    if (const HRESULT result = call("DllCanUnloadNow"); result != S_OK && result != E_NOINTERFACE)
         return S_FALSE;
     return FreeLibrary(std::exchange(m_module, nullptr)) ? S_OK : lastError();
 }

@@ -12,6 +12,12 @@
 inline constexpr CLSID CLSID_ClipforgeThumbnails = {
     0x5b8e2d41, 0x93c7, 0x4f0a, {0xb6, 0xe5, 0x2d, 0x17, 0xc9, 0xa4, 0xf3, 0x80}};
 
+/// An export of a loaded library as a pointer to its function; null when it has none of that name.
+template <typename Function>
+Function exportOf(HMODULE module, const char* name) {
+    return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+}
+
 /// Owns a GDI bitmap.
 class OwnedBitmap {
 public:
@@ -45,6 +51,9 @@ public:
     HRESULT load(const std::wstring& path);
     /// An object of the handler's class from this library's own class factory.
     HRESULT createHandler(REFIID riid, void** object) const;
+    /// Calls an export without arguments, DllCanUnloadNow say; E_NOINTERFACE when there is none of that name.
+    HRESULT call(const char* name) const;
+    HMODULE module() const { return m_module; }
     /// S_OK when the library is gone, S_FALSE when it said that it is still in use and stays loaded.
     HRESULT unload();
 

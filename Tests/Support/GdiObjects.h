@@ -12,7 +12,7 @@ inline uint32_t countGdiObjects() {
         return GetGuiResources(GetCurrentProcess(), GR_GDIOBJECTS);
     struct Entry {
         uint64_t object;
-        uint8_t ownerAndType[8];
+        uint8_t owner[4], unique[2], type, flags;
         uint64_t userPointer;
     };
     constexpr size_t handleTableInProcessBlock = 0xF8;
@@ -22,6 +22,6 @@ inline uint32_t countGdiObjects() {
         *reinterpret_cast<const Entry* const*>(getProcessBlock() + handleTableInProcessBlock);
     uint32_t count = 0;
     for (size_t i = 0; table != nullptr && i < 65536; ++i)
-        count += table[i].object != 0 || table[i].userPointer != 0;
+        count += table[i].type != 0; // a free entry's object is the next free one
     return count;
 }

@@ -51,3 +51,10 @@ inline void writeFileBytes(const std::filesystem::path& path, std::string_view b
     std::ofstream stream(path, std::ios::binary);
     stream.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
+
+/// The file is there and nobody has it open: it could be deleted now.
+inline bool isFree(const std::filesystem::path& path) {
+    const HANDLE file =
+        CreateFileW(path.c_str(), GENERIC_READ | DELETE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    return file != INVALID_HANDLE_VALUE && CloseHandle(file);
+}

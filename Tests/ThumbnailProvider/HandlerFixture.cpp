@@ -4,20 +4,6 @@
 
 #include "GuardedBitmaps.h"
 
-namespace {
-template <class Function>
-Function* exportOf(HMODULE module, const char* name) {
-    return reinterpret_cast<Function*>(reinterpret_cast<void*>(GetProcAddress(module, name)));
-}
-
-/// Nobody has the file open: it could be deleted now.
-bool isFree(const std::wstring& path) {
-    const HANDLE file =
-        CreateFileW(path.c_str(), GENERIC_READ | DELETE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    return file != INVALID_HANDLE_VALUE && CloseHandle(file);
-}
-} // namespace
-
 std::filesystem::path productFolder(const char* name) {
     wchar_t program[MAX_PATH];
     GetModuleFileNameW(nullptr, program, MAX_PATH);
@@ -32,12 +18,12 @@ HandlerModule::HandlerModule(const std::filesystem::path& file)
 }
 
 HRESULT HandlerModule::getClassObject(REFCLSID classId, REFIID interfaceId, void** object) const {
-    return exportOf<HRESULT WINAPI(REFCLSID, REFIID, void**)>(m_module, "DllGetClassObject")(
-        classId, interfaceId, object);
+    return exportOf<decltype(&DllGetClassObject)>(m_module, "DllGetClassObject")(classId, interfaceId,
+                                                                                 object);
 }
 
 HRESULT HandlerModule::call(const char* name) const {
-    return exportOf<HRESULT WINAPI()>(m_module, name)();
+    return exportOf<HRESULT(WINAPI*)()>(m_module, name)();
 }
 
 ComPtr<IClassFactory> HandlerModule::factory() const {

@@ -11,6 +11,7 @@
 #include "Proof.h"
 #include "Scenario.h"
 #include "TestClips.h"
+#include "Utils/vdProduct.h"
 #include "Utils/vdSettings.h"
 
 namespace fs = std::filesystem;

@@ -13,6 +13,7 @@
 #include "Utils/vdGuard.h"
 #include "Utils/vdLogging.h"
 #include "Utils/vdPaths.h"
+#include "Utils/vdProduct.h"
 #include "Utils/vdSettings.h"
 #include "Utils/vdText.h"
 #include "brThumbnailGenerator.h"

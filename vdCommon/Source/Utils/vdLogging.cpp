@@ -10,8 +10,8 @@
 
 #include "Utils/vdClock.h"
 #include "Utils/vdPaths.h"
+#include "Utils/vdProduct.h"
 #include "Utils/vdSessionHeader.h"
-#include "Utils/vdSettings.h"
 
 namespace {
 /// Everything but the start time is read and written under the lock.

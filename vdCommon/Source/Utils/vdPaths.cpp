@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 #include <windows.h>
 
-#include "Utils/vdSettings.h"
+#include "Utils/vdProduct.h"
 #include "Utils/vdText.h"
 
 namespace {

@@ -8,7 +8,7 @@
 
 #include <windows.h>
 
-#include "Utils/vdSettings.h"
+#include "Utils/vdProduct.h"
 #include "Utils/vdSystemInfo.h"
 
 namespace {

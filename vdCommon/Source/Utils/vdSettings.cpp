@@ -12,20 +12,6 @@
 #include "Utils/vdText.h"
 
 namespace {
-vdProductInfo makeProductInfo() {
-    vdProductInfo product;
-    product.version = {3, 1, 5, 0};
-    product.build = 552;
-    product.displayName = "Clipforge";
-    product.supportAddress = "support@clipforge.example";
-    product.productId = "Clipforge";
-    product.productUrl = "https://clipforge.example";
-    product.folderName = "Clipforge";
-    product.optionsFileName = "Clipforge_options.ini";
-    product.commandFileName = "Clipforge_CmdFile.txt";
-    return product;
-}
-
 /// No settings file written by a person or a host comes near this size. One beyond it is not ours, and the
 /// process that we are a guest in is not to pay for reading it.
 constexpr long largestSettingsFile = 1024 * 1024;
@@ -92,15 +78,6 @@ void readOptions(const vdSettingsDocument& ini) {
         readBoolOption(ini, options().*field, section, key, inverted);
 }
 } // namespace
-
-const vdProductInfo& productInfo() {
-    static const vdProductInfo product = makeProductInfo();
-    return product;
-}
-
-void setProductInfo() {
-    productInfo();
-}
 
 vdOptions::vdOptions() {
     presetNames.fill("No Preset");

@@ -5,7 +5,6 @@
 #include <cwchar>
 #include <filesystem>
 
-#include <cwchar>
 #include <io.h>
 #include <share.h>
 #include <sys/stat.h>

@@ -1,0 +1,225 @@
+// clipforge-thumb's main job: the pictures that it writes, its exit codes and what it says.
+#include <algorithm>
+#include <span>
+
+#include <objbase.h>
+#include <wincodec.h>
+#include <wrl/client.h>
+
+#include "Console.h"
+#include "EnvironmentVariable.h"
+#include "HandlerHost.h"
+#include "ProgramRun.h"
+#include "TemporaryFolder.h"
+#include "TestClips.h"
+#include "ThumbnailCommand.h"
+
+namespace {
+using Microsoft::WRL::ComPtr;
+
+const std::filesystem::path kBinaries = CLIPFORGE_BINARIES;
+
+struct Picture {
+    UINT width = 0, height = 0;
+    std::vector<uint8_t> pixels; ///< blue, green, red, alpha; from the top down
+};
+
+/// Reads a PNG as any viewer does; COM is initialised by the fixture.
+Picture readPng(const std::filesystem::path& path) {
+    Picture picture;
+    ComPtr<IWICImagingFactory> factory;
+    ComPtr<IWICBitmapDecoder> decoder;
+    ComPtr<IWICBitmapFrameDecode> frame;
+    ComPtr<IWICFormatConverter> pixels;
+    if (FAILED(CoCreateInstance(CLSID_WICImagingFactory, nullptr, CLSCTX_INPROC_SERVER,
+                                IID_IWICImagingFactory, &factory)) ||
+        FAILED(factory->CreateDecoderFromFilename(path.c_str(), nullptr, GENERIC_READ,
+                                                  WICDecodeMetadataCacheOnDemand, &decoder)) ||
+        FAILED(decoder->GetFrame(0, &frame)) || FAILED(factory->CreateFormatConverter(&pixels)) ||
+        FAILED(pixels->Initialize(frame.Get(), GUID_WICPixelFormat32bppBGRA, WICBitmapDitherTypeNone, nullptr,
+                                  0, WICBitmapPaletteTypeCustom)) ||
+        FAILED(frame->GetSize(&picture.width, &picture.height)))
+        return {};
+    picture.pixels.resize(size_t{picture.width} * picture.height * 4);
+    EXPECT_EQ(S_OK, pixels->CopyPixels(nullptr, picture.width * 4, static_cast<UINT>(picture.pixels.size()),
+                                       picture.pixels.data()));
+    return picture;
+}
+
+/// The picture is the whole clip at 1/factor, upright and unmirrored.
+void expectPicture(const std::filesystem::path& path, const TestClip& clip, uint32_t factor) {
+    const Picture picture = readPng(path);
+    ASSERT_EQ(expectedSide(clip.width, factor), picture.width) << path;
+    ASSERT_EQ(expectedSide(clip.height, factor), picture.height) << path;
+    for (uint32_t y = 0; y < picture.height; ++y)
+        for (uint32_t x = 0; x < picture.width; ++x)
+            ASSERT_TRUE(std::ranges::equal(expectedPixel(clip, factor, x, y),
+                                           std::span(picture.pixels).subspan((y * picture.width + x) * 4, 4)))
+                << path << ": " << x << ", " << y;
+}
+
+class ThumbnailCommand : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(S_OK, CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)); }
+    void TearDown() override { CoUninitialize(); }
+
+    std::wstring inside(const wchar_t* name) { return (m_folder.path() / name).make_preferred().wstring(); }
+    std::wstring writeClip(const wchar_t* name, const TestClip& clip = {}) {
+        writeTestClip(inside(name), clip);
+        return inside(name);
+    }
+    /// Asks the product's own DLL unless the arguments say otherwise.
+    ProgramRun run(std::vector<std::wstring> arguments, const std::filesystem::path& dll = kHandler) {
+        if (!dll.empty())
+            arguments.insert(arguments.end(),
+                             {L"--dll", std::filesystem::path(dll).make_preferred().wstring()});
+        return runProgram(kBinaries / "clipforge-thumb.exe", arguments);
+    }
+    /// The command ends with one line that has `text` in it, before it asks any handler.
+    static void expectRefused(const std::vector<std::wstring>& arguments, const std::wstring& text,
+                              ExitCode exitCode = EXIT_USAGE) {
+        try {
+            runThumbnail(std::vector<std::wstring_view>(arguments.begin(), arguments.end()));
+            ADD_FAILURE() << "not refused";
+        } catch (const CommandError& error) {
+            EXPECT_EQ(exitCode, error.code());
+            EXPECT_NE(std::wstring::npos, error.line().find(text)) << testing::PrintToString(error.line());
+            EXPECT_EQ(std::wstring::npos, error.line().find(L'\n'));
+        }
+    }
+
+    static inline const std::filesystem::path kHandler = kBinaries / "Clipforge_Thumbnails.dll";
+    TemporaryFolder m_folder;
+};
+
+TEST_F(ThumbnailCommand, WritesThePictureAndTellsOfIt) {
+    const TestClip clip{61, 47};
+    const std::wstring path = writeClip(L"clip.braw", clip);
+    for (const uint32_t factor : {1u, 2u}) {
+        const UINT size = expectedSide(47, factor);
+        const ProgramRun asked = run({path, L"--size", std::to_wstring(size), L"--out", inside(L"p.png")});
+        EXPECT_EQ(0u, asked.exitCode) << asked.errors;
+        EXPECT_EQ("", asked.errors);
+        EXPECT_TRUE(asked.output.starts_with("asked " + std::to_string(size) + ", got " +
+                                             std::to_string(expectedSide(61, factor)) + " x " +
+                                             std::to_string(size) + ", WTSAT_ARGB, 0x00000000, "))
+            << asked.output;
+        expectPicture(inside(L"p.png"), clip, factor);
+    }
+}
+
+TEST_F(ThumbnailCommand, AsksTheRegisteredHandler) {
+    const TestClip clip{64, 48};
+    const std::wstring path = writeClip(L"clip.braw", clip);
+    HandlerLibrary handler;
+    ASSERT_EQ(S_OK, handler.load(std::filesystem::path(kHandler).make_preferred().wstring()));
+    ASSERT_EQ(S_OK, handler.call("DllRegisterServer"));
+    const ProgramRun asked = run({path, L"--size", L"48", L"--out", inside(L"p.png")}, {});
+    EXPECT_EQ(0u, asked.exitCode) << asked.errors;
+    expectPicture(inside(L"p.png"), clip, 1);
+    ASSERT_EQ(S_OK, handler.call("DllUnregisterServer"));
+    const ProgramRun gone = run({path}, {});
+    EXPECT_EQ(1u, gone.exitCode);
+    EXPECT_NE(std::string::npos, gone.errors.find("not registered")) << gone.errors;
+}
+
+TEST_F(ThumbnailCommand, SeveralClipsInOneCall) {
+    const TestClip first{64, 48}, last{32, 16};
+    const std::wstring names[] = {writeClip(L"one.braw", first), inside(L"missing.braw"),
+                                  writeClip(L"\x30D5\x30A3 \xFC\xE9 \xD83C\xDFAC.braw", last)};
+    std::filesystem::create_directory(inside(L"pictures \xE4"));
+    const ProgramRun asked =
+        run({names[0], names[1], names[2], L"--size", L"16", L"--out", inside(L"pictures \xE4\\")});
+    EXPECT_EQ(1u, asked.exitCode) << "one of them failed";
+    EXPECT_EQ(2, std::ranges::count(asked.output, '\n')) << asked.output;
+    EXPECT_EQ(1u, asked.errorLines()) << asked.errors;
+    expectPicture(inside(L"pictures \xE4\\one.braw.png"), first, 2);
+    expectPicture(inside(L"pictures \xE4\\\x30D5\x30A3 \xFC\xE9 \xD83C\xDFAC.braw.png"), last, 1);
+    EXPECT_NE(std::string::npos,
+              asked.output.find("\xE3\x83\x95\xE3\x82\xA3 \xC3\xBC\xC3\xA9 \xF0\x9F\x8E\xAC"));
+}
+
+TEST_F(ThumbnailCommand, EachBadClipHasALineOfItsOwn) {
+    const struct {
+        std::wstring name;
+        const char* line;
+        std::string_view bytes; ///< of the file, if one is made
+    } files[] = {
+        {L"photo.jpg", "is a JPEG picture, not a clip (GetThumbnail: 0x80004005", "\xFF\xD8\xFF\xE0 JFIF"},
+        {L"grey.pgm", "is a grey picture, not a clip (GetThumbnail: ", "P5 1 1 255\nx"},
+        {L"notes.braw", "cannot be read or decoded (GetThumbnail: 0x80004005", "What nobody knows."},
+        {L"empty.braw", "is empty", ""},
+        {L"missing.braw", "does not exist", ""},
+        {L"no folder\\missing.braw", "does not exist", ""},
+        {L"", "is a folder", ""},
+        {L"used.braw", "is in use by another program", "P6 1 1 255\nxxx"},
+    };
+    std::vector<std::wstring> clips;
+    for (const auto& [name, line, bytes] : files) {
+        clips.push_back(inside(name.c_str()));
+        if (!bytes.empty() || name == L"empty.braw")
+            writeFileBytes(clips.back(), bytes);
+    }
+    const HANDLE user =
+        CreateFileW(clips.back().c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    const ProgramRun asked = run(clips);
+    CloseHandle(user);
+    EXPECT_EQ(1u, asked.exitCode);
+    EXPECT_EQ("", asked.output);
+    std::istringstream lines(asked.errors);
+    std::string line;
+    for (const auto& file : files) {
+        std::getline(lines, line);
+        EXPECT_TRUE(line.starts_with("clipforge-thumb: ")) << line;
+        EXPECT_NE(std::string::npos, line.find(file.line)) << file.line << "\n" << line;
+    }
+    EXPECT_FALSE(std::getline(lines, line)) << line;
+}
+
+TEST_F(ThumbnailCommand, WhatIsAskedWronglyIsRefusedAndNothingIsWritten) {
+    const std::wstring path = writeClip(L"clip.braw"), other = writeClip(L"other.braw");
+    const std::string bytes = readFileBytes(path);
+    CreateHardLinkW(inside(L"link.png").c_str(), path.c_str(), nullptr);
+    for (const std::wstring& out : {path, inside(L"CLIP.braw"), inside(L".\\clip.braw"), inside(L"link.png")})
+        expectRefused({path, L"--out", out}, L"over the clip");
+    EXPECT_EQ(bytes, readFileBytes(path));
+
+    for (const wchar_t* const size : {L"0", L"-1", L"4294967296", L"12x", L"99999999999999999999"})
+        expectRefused({path, L"--size", size}, L"--size needs a whole number");
+    expectRefused({path, L"--size"}, L"--size needs a value");
+    expectRefused({path, L"--out", L""}, L"--out needs a value");
+    expectRefused({path, L"--colour", L"red"}, L"no option --colour");
+    expectRefused({L"--size", L"8"}, L"which clip?");
+    expectRefused({path, other, L"--out", inside(L"p.png")}, L"needs a folder");
+    expectRefused({path, path, L"--out", m_folder.path().wstring()}, L"same picture");
+    expectRefused({path, L"--dll", inside(L"missing.dll")}, L"cannot be loaded: 0x8007007E", EXIT_FAILED);
+    expectRefused({path, L"--dll", path}, L"cannot be loaded: 0x800700C1", EXIT_FAILED);
+    const ProgramRun wrong = runProgram(kBinaries / "clipforge-thumb.exe", {path, L"--size", L"0"});
+    EXPECT_EQ(2u, wrong.exitCode);
+    EXPECT_EQ(1u, wrong.errorLines()) << wrong.errors;
+}
+
+TEST_F(ThumbnailCommand, APictureThatCannotBeWritten) {
+    const ProgramRun asked = run({writeClip(L"clip.braw"), L"--out", inside(L"no folder\\p.png")});
+    EXPECT_EQ(1u, asked.exitCode);
+    EXPECT_NE(std::string::npos, asked.errors.find("cannot be written: 0x80070003")) << asked.errors;
+}
+
+TEST_F(ThumbnailCommand, AHandlerThatCrashesOrWouldOpenAWindow) {
+    wchar_t program[MAX_PATH];
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    const auto ask = [&] {
+        return run({writeClip(L"clip.braw")},
+                   std::filesystem::path(program).replace_filename("StrangeHandler.dll"));
+    };
+    const ProgramRun quiet = ask();
+    EXPECT_NE(std::string::npos, quiet.errors.find("Creating the handler: 0x80048003")) << "the error mode\n"
+                                                                                        << quiet.errors;
+    const EnvironmentVariable crash(L"STRANGE_HANDLER", L"1");
+    const ProgramRun crashed = ask();
+    EXPECT_EQ(1u, crashed.exitCode);
+    EXPECT_EQ(1u, crashed.errorLines());
+    EXPECT_TRUE(crashed.errors.starts_with("clipforge-thumb: crashed: 0xC0000005 ")) << crashed.errors;
+    EXPECT_NE(std::string::npos, crashed.errors.find(" in StrangeHandler.dll+0x")) << crashed.errors;
+}
+} // namespace

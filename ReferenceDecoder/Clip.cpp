@@ -2,11 +2,10 @@
 
 #include <cstdlib>
 #include <limits>
+#include <span>
 
 #include "Frame.h"
-#include "Pixels.h"
 #include "Resources.h"
-#include "Scales.h"
 
 namespace reference {
 
@@ -15,17 +14,24 @@ namespace {
 class ReadJob : public Job {
 public:
     ReadJob(std::shared_ptr<JobQueue> queue, std::shared_ptr<PnmStream> stream, uint64_t frame,
-            void* bitStream, bool isFlippedVertically)
+            void* bitStream, Turning turning)
         : Job(std::move(queue)), m_stream(std::move(stream)), m_frame(frame), m_bitStream(bitStream),
-          m_isFlippedVertically(isFlippedVertically) {}
+          m_turning(turning) {}
 
 private:
-    HRESULT work() override { return m_stream->readFrame(m_frame, m_bitStream, m_header); }
+    HRESULT work() override {
+        if (const DWORD delay = referenceDecoderControl().readDelayMilliseconds)
+            Sleep(delay);
+        const HRESULT result = m_stream->readFrame(m_frame, m_bitStream, m_header);
+        if (SUCCEEDED(result))
+            fillSpare(m_bitStream, m_header.headerBytes + m_header.pixelBytes(), m_spare);
+        return result;
+    }
 
     void report(IBlackmagicRawCallback& callback, HRESULT result) noexcept override {
         IBlackmagicRawFrame* frame = nullptr;
         if (SUCCEEDED(result))
-            result = guarded([&] { return handOut(&frame, new Frame(m_header, m_isFlippedVertically)); });
+            result = guarded([&] { return handOut(&frame, new Frame(m_header, m_turning)); });
         crossOut<"IBlackmagicRawCallback::ReadComplete">(
             result, frame,
             [&](HRESULT given, IBlackmagicRawFrame* object) { callback.ReadComplete(this, given, object); });
@@ -41,19 +47,23 @@ private:
     std::shared_ptr<PnmStream> m_stream;
     const uint64_t m_frame;
     void* const m_bitStream;
-    const bool m_isFlippedVertically;
+    const Turning m_turning;
+    const uint32_t m_spare = spareBytes();
     PictureHeader m_header;
 };
 
-struct Size {
-    uint32_t width, height;
-};
+constexpr uint8_t kDescending[] = {0, 1, 2, 3}, kAscending[] = {3, 2, 1, 0}, kShuffled[] = {2, 0, 3, 0, 1};
 
-Size sizeAt(const Scale& scale, const PictureHeader& picture) {
-    return {reducedSide(picture.width, scale.factor), reducedSide(picture.height, scale.factor)};
+/// The order in which the scales' resolutions are listed.
+std::span<const uint8_t> listing() {
+    if (referenceDecoderHas(ReferenceDecoderManners::ascendingResolutions))
+        return kAscending;
+    if (referenceDecoderHas(ReferenceDecoderManners::shuffledResolutions))
+        return kShuffled;
+    return kDescending;
 }
 
-HRESULT give(Size size, uint32_t* width, uint32_t* height) {
+HRESULT give(auto size, uint32_t* width, uint32_t* height) {
     *width = size.width;
     *height = size.height;
     return S_OK;
@@ -61,8 +71,8 @@ HRESULT give(Size size, uint32_t* width, uint32_t* height) {
 
 } // namespace
 
-Clip::Clip(std::shared_ptr<JobQueue> queue, std::shared_ptr<PnmStream> stream, bool isFlippedVertically)
-    : m_queue(std::move(queue)), m_stream(std::move(stream)), m_isFlippedVertically(isFlippedVertically) {
+Clip::Clip(std::shared_ptr<JobQueue> queue, std::shared_ptr<PnmStream> stream, Turning turning)
+    : m_queue(std::move(queue)), m_stream(std::move(stream)), m_turning(turning) {
     if (referenceDecoderControl().clipsHaveLut)
         m_lut = ClipLut::create();
 }
@@ -73,10 +83,18 @@ void Clip::finish() noexcept {
     m_queue.reset();
 }
 
+Clip::Size Clip::sizeAt(const Scale& scale) const {
+    const PictureHeader& picture = m_stream->picture();
+    Size size{reducedSide(picture.width, scale.factor), reducedSide(picture.height, scale.factor)};
+    if (m_turning.swapsSides() && !referenceDecoderHas(ReferenceDecoderManners::reportsBeforeTurning))
+        std::swap(size.width, size.height);
+    return size;
+}
+
 HRESULT Clip::GetWidth(uint32_t* width) {
     return cross<"IBlackmagicRawClip::GetWidth">(
         [&] {
-            *width = m_stream->picture().width;
+            *width = sizeAt(kScales[0]).width;
             return S_OK;
         },
         width);
@@ -85,7 +103,7 @@ HRESULT Clip::GetWidth(uint32_t* width) {
 HRESULT Clip::GetHeight(uint32_t* height) {
     return cross<"IBlackmagicRawClip::GetHeight">(
         [&] {
-            *height = m_stream->picture().height;
+            *height = sizeAt(kScales[0]).height;
             return S_OK;
         },
         height);
@@ -116,7 +134,12 @@ HRESULT Clip::CloneClipProcessingAttributes(IBlackmagicRawClipProcessingAttribut
 
 HRESULT Clip::GetBitStreamSizeBytes(uint64_t frameIndex, uint32_t* sizeBytes) {
     return cross<"IBlackmagicRawClipEx::GetBitStreamSizeBytes">(
-        [&] { return m_stream->frameBytes(frameIndex, *sizeBytes); }, sizeBytes);
+        [&] {
+            const HRESULT result = m_stream->frameBytes(frameIndex, *sizeBytes);
+            *sizeBytes += spareBytes();
+            return result;
+        },
+        sizeBytes);
 }
 
 HRESULT Clip::CreateJobReadFrame(uint64_t frameIndex, void* bitStream, uint32_t bitStreamSizeBytes,
@@ -127,10 +150,11 @@ HRESULT Clip::CreateJobReadFrame(uint64_t frameIndex, void* bitStream, uint32_t 
             const HRESULT result = m_stream->frameBytes(frameIndex, needed);
             if (FAILED(result))
                 return result;
+            needed += spareBytes();
             if (bitStreamSizeBytes < needed ||
                 !fitsBuffer(bitStream, needed, blackmagicRawResourceTypeBufferCPU))
                 return badArgument();
-            return handOut(job, new ReadJob(m_queue, m_stream, frameIndex, bitStream, m_isFlippedVertically));
+            return handOut(job, new ReadJob(m_queue, m_stream, frameIndex, bitStream, m_turning));
         },
         job);
 }
@@ -138,7 +162,7 @@ HRESULT Clip::CreateJobReadFrame(uint64_t frameIndex, void* bitStream, uint32_t 
 HRESULT Clip::GetResolutionCount(uint32_t* count) {
     return cross<"IBlackmagicRawClipResolutions::GetResolutionCount">(
         [&] {
-            *count = static_cast<uint32_t>(std::size(kScales));
+            *count = static_cast<uint32_t>(listing().size());
             return S_OK;
         },
         count);
@@ -147,9 +171,10 @@ HRESULT Clip::GetResolutionCount(uint32_t* count) {
 HRESULT Clip::GetResolution(uint32_t index, uint32_t* width, uint32_t* height) {
     return cross<"IBlackmagicRawClipResolutions::GetResolution">(
         [&] {
-            if (index >= std::size(kScales))
+            const auto listed = listing();
+            if (index >= listed.size())
                 return badArgument();
-            return give(sizeAt(kScales[index], m_stream->picture()), width, height);
+            return give(sizeAt(kScales[listed[index]]), width, height);
         },
         width, height);
 }
@@ -159,7 +184,7 @@ HRESULT Clip::GetClosestResolutionForScale(BlackmagicRawResolutionScale scale, u
     return cross<"IBlackmagicRawClipResolutions::GetClosestResolutionForScale">(
         [&] {
             const Scale* known = findScale(scale);
-            return known ? give(sizeAt(*known, m_stream->picture()), width, height) : badArgument();
+            return known ? give(sizeAt(*known), width, height) : badArgument();
         },
         width, height);
 }
@@ -170,7 +195,7 @@ HRESULT Clip::GetClosestScaleForResolution(uint32_t width, uint32_t height,
         [&] {
             int64_t smallest = std::numeric_limits<int64_t>::max();
             for (const Scale& candidate : kScales) {
-                const Size size = sizeAt(candidate, m_stream->picture());
+                const Size size = sizeAt(candidate);
                 const int64_t distance =
                     std::abs(int64_t{size.width} - width) + std::abs(int64_t{size.height} - height);
                 if (distance < smallest) {

@@ -2,7 +2,9 @@
 
 #include "Attributes.h"
 #include "JobQueue.h"
+#include "Pixels.h"
 #include "PnmStream.h"
+#include "Scales.h"
 
 namespace reference {
 
@@ -10,7 +12,7 @@ namespace reference {
 class Clip : public Object<"IBlackmagicRawClip", IBlackmagicRawClip, IBlackmagicRawClipEx,
                            IBlackmagicRawClipResolutions> {
 public:
-    Clip(std::shared_ptr<JobQueue> queue, std::shared_ptr<PnmStream> stream, bool isFlippedVertically);
+    Clip(std::shared_ptr<JobQueue> queue, std::shared_ptr<PnmStream> stream, Turning turning);
 
     HRESULT STDMETHODCALLTYPE GetWidth(uint32_t* width) override;
     HRESULT STDMETHODCALLTYPE GetHeight(uint32_t* height) override;
@@ -41,10 +43,15 @@ protected:
     void finish() noexcept override;
 
 private:
+    struct Size {
+        uint32_t width, height;
+    };
+    Size sizeAt(const Scale& scale) const;
+
     std::shared_ptr<JobQueue> m_queue;
     std::shared_ptr<PnmStream> m_stream;
     std::shared_ptr<ClipLut> m_lut;
-    const bool m_isFlippedVertically;
+    const Turning m_turning;
 };
 
 } // namespace reference

@@ -74,11 +74,15 @@ HRESULT Configuration::GetCameraSupportVersion(BSTR* version) {
 
 HRESULT ConfigurationEx::GetResourceManager(IBlackmagicRawResourceManager** resourceManager) {
     return cross<"IBlackmagicRawConfigurationEx::GetResourceManager">(
-        [&] { return handOut(resourceManager, new ResourceManager); }, resourceManager);
+        [&] {
+            const bool holds = referenceDecoderHas(ReferenceDecoderManners::resourceManagerHoldsCodec);
+            return handOut(resourceManager, new ResourceManager(holds ? this : nullptr));
+        },
+        resourceManager);
 }
 
 HRESULT Codec::OpenClip(BSTR fileName, IBlackmagicRawClip** clip) {
-    return cross<"IBlackmagicRaw::OpenClip">([&] { return open(fileName, false, clip); }, clip);
+    return cross<"IBlackmagicRaw::OpenClip">([&] { return open(fileName, nullptr, clip); }, clip);
 }
 
 HRESULT Codec::OpenClipWithGeometry(BSTR fileName, IBlackmagicRawClipGeometry* geometry,
@@ -86,18 +90,23 @@ HRESULT Codec::OpenClipWithGeometry(BSTR fileName, IBlackmagicRawClipGeometry* g
     return cross<"IBlackmagicRaw::OpenClipWithGeometry">(
         [&] {
             const Geometry* known = ours<Geometry>(geometry);
-            return known ? open(fileName, known->isFlippedVertically(), clip) : badArgument();
+            return known ? open(fileName, known, clip) : badArgument();
         },
         clip);
 }
 
-HRESULT Codec::open(BSTR fileName, bool isFlippedVertically, IBlackmagicRawClip** clip) {
+HRESULT Codec::open(BSTR fileName, const Geometry* geometry, IBlackmagicRawClip** clip) {
     if (!fileName || !*fileName)
         return E_INVALIDARG; // a path that could not be converted is no fault of the calling code
     std::shared_ptr<PnmStream> stream;
     const HRESULT result = PnmStream::open(fileName, stream);
-    return FAILED(result) ? result
-                          : handOut(clip, new Clip(m_state.queue, std::move(stream), isFlippedVertically));
+    if (FAILED(result))
+        return result;
+    Turning turning;
+    if (geometry && geometry->usesOrientation())
+        turning.orientation = stream->picture().orientation;
+    turning.bottomRowFirst = geometry && geometry->isFlippedVertically();
+    return handOut(clip, new Clip(m_state.queue, std::move(stream), turning));
 }
 
 HRESULT Codec::SetCallback(IBlackmagicRawCallback* callback) {

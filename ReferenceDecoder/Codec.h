@@ -50,7 +50,7 @@ protected:
     void finish() noexcept override;
 
 private:
-    HRESULT open(BSTR fileName, bool isFlippedVertically, IBlackmagicRawClip** clip);
+    HRESULT open(BSTR fileName, const Geometry* geometry, IBlackmagicRawClip** clip);
 
     CodecState m_state;
     Configuration m_configuration{*this, *this, m_state};

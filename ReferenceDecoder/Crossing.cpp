@@ -65,20 +65,20 @@ CallTimer::~CallTimer() {
 
 Crossing::Crossing(uint32_t call, Direction direction) : m_timer(direction) {
     ReferenceDecoderControl& control = referenceDecoderControl();
-    const uint32_t occurrence = ++control.callNames[call].occurrences;
+    m_occurrence = ++control.callNames[call].occurrences;
     const uint32_t index = control.recordedCount++;
     if (index < ReferenceDecoderControl::maximumRecording)
-        control.recording[index] = {call, occurrence};
-    findFault(call, occurrence);
+        control.recording[index] = {call, m_occurrence};
+    findFault(call);
     if (shows(ReferenceDecoderFaultKind::delay))
         Sleep(static_cast<DWORD>(m_value));
 }
 
-void Crossing::findFault(uint32_t call, uint32_t occurrence) {
+void Crossing::findFault(uint32_t call) {
     for (const auto& fault : referenceDecoderControl().faults) {
         const ReferenceDecoderFaultKind kind = fault.kind;
         if (kind != ReferenceDecoderFaultKind::none && fault.name == call &&
-            (fault.occurrence == 0 || fault.occurrence == occurrence)) {
+            (fault.occurrence == 0 || fault.occurrence == m_occurrence)) {
             m_fault = kind;
             m_value = fault.value;
             ++account().faultsFired;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <new>
+#include <string_view>
 #include <type_traits>
 
 #include <windows.h>
@@ -35,6 +36,12 @@ constexpr CallName<first + second - 1> operator+(const CallName<first>& a, const
     std::copy_n(a.text, first - 1, joined.text);
     std::copy_n(b.text, second, joined.text + first - 1);
     return joined;
+}
+
+/// QueryInterface succeeds with S_OK alone, as COM has it.
+template <CallName name>
+constexpr bool succeedsWithOther() {
+    return !std::string_view(name.text).ends_with("::QueryInterface");
 }
 
 template <CallName name>
@@ -76,6 +83,14 @@ public:
     }
     HRESULT shortAnswer() const { return shows(ReferenceDecoderFaultKind::fail) ? faultResult() : S_OK; }
 
+    /// The success that the call or callback tells in the place of S_OK.
+    HRESULT success() const {
+        if (!referenceDecoderHas(ReferenceDecoderManners::otherSuccessCodes))
+            return S_OK;
+        constexpr HRESULT other = 0x00040007; // of an interface's own facility
+        return m_occurrence % 2 ? S_FALSE : other;
+    }
+
     /// Turns a number that the call gives into the one that the armed fault wants.
     template <class Output>
     void bend(Output& output) const {
@@ -99,11 +114,12 @@ public:
     }
 
 private:
-    void findFault(uint32_t call, uint32_t occurrence);
+    void findFault(uint32_t call);
 
     CallTimer m_timer;
     ReferenceDecoderFaultKind m_fault = ReferenceDecoderFaultKind::none;
     int64_t m_value = 0;
+    uint32_t m_occurrence = 0;
 };
 
 template <class Work>
@@ -130,7 +146,7 @@ HRESULT crossInto(Work&& work, Output*... outputs) noexcept {
     const HRESULT result = guarded(work);
     if (SUCCEEDED(result))
         (crossing.bend(*outputs), ...);
-    return result;
+    return result == S_OK && succeedsWithOther<name>() ? crossing.success() : result;
 }
 
 /// A callback about `object` (may be null), with the result and the object that it shall be given.
@@ -141,6 +157,8 @@ void crossOut(HRESULT result, Object* object, Call&& call) noexcept {
         return;
     if (crossing.shows(ReferenceDecoderFaultKind::fail))
         result = crossing.faultResult();
+    if (result == S_OK)
+        result = crossing.success();
     if (crossing.shows(ReferenceDecoderFaultKind::succeedEmpty))
         object = nullptr;
     try {

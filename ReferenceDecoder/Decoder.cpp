@@ -1,6 +1,7 @@
 #include "Decoder.h"
 
 #include <cstring>
+#include <vector>
 
 #include "Attributes.h"
 #include "Frame.h"
@@ -19,16 +20,18 @@ struct FrameState {
     uint64_t magic;
     uint32_t sourceWidth, sourceHeight, maximum, bytesPerSample, headerBytes;
     uint32_t factor;
-    uint32_t bottomRowFirst;
+    Turning turning;
     BlackmagicRawResourceFormat format;
+    uint32_t spare; ///< bytes that each buffer has beyond what is in it
 
-    uint32_t width() const { return reducedSide(sourceWidth, factor); }
-    uint32_t height() const { return reducedSide(sourceHeight, factor); }
+    uint32_t width() const { return reducedSide(turning.swapsSides() ? sourceHeight : sourceWidth, factor); }
+    uint32_t height() const { return reducedSide(turning.swapsSides() ? sourceWidth : sourceHeight, factor); }
     uint64_t pixels() const { return uint64_t{width()} * height(); }
     uint64_t bitStreamBytes() const {
         return headerBytes + uint64_t{sourceWidth} * sourceHeight * 3 * bytesPerSample;
     }
-    uint64_t decodedBytes() const { return pixels() * 3 * bytesPerSample; }
+    uint32_t decodedPixelBytes() const { return 3 * bytesPerSample; }
+    uint64_t decodedBytes() const { return pixels() * decodedPixelBytes(); }
     const ResourceLayout& layout() const { return *findResourceLayout(format); }
     uint64_t processedBytes() const { return pixels() * layout().bytesPerPixel; }
 };
@@ -46,7 +49,7 @@ HRESULT giveSize(const void* frameState, uint64_t (FrameState::*size)() const, u
     const FrameState* state = stateIn(frameState);
     if (!state)
         return badArgument();
-    const uint64_t bytes = (state->*size)();
+    const uint64_t bytes = (state->*size)() + state->spare;
     if (bytes > 0xFFFFFFFF)
         return HRESULT_FROM_WIN32(ERROR_ARITHMETIC_OVERFLOW);
     *sizeBytes = static_cast<uint32_t>(bytes);
@@ -61,9 +64,23 @@ public:
 
 private:
     HRESULT work() override {
-        reducePicture(m_bitStream + m_state.headerBytes, m_state.sourceWidth, m_state.sourceHeight,
-                      m_state.bytesPerSample, m_state.factor, m_state.bottomRowFirst != 0, m_decoded);
+        if (m_state.turning.orientation == 1)
+            reduceTo(m_decoded, m_state.turning.bottomRowFirst);
+        else
+            reduceAndTurn();
+        fillSpare(m_decoded, m_state.decodedBytes(), m_state.spare);
         return S_OK;
+    }
+    void reduceTo(void* picture, bool bottomRowFirst) const {
+        reducePicture(m_bitStream + m_state.headerBytes, m_state.sourceWidth, m_state.sourceHeight,
+                      m_state.bytesPerSample, m_state.factor, bottomRowFirst, picture);
+    }
+    void reduceAndTurn() const {
+        std::vector<uint8_t> reduced(static_cast<size_t>(m_state.decodedBytes()));
+        reduceTo(reduced.data(), false);
+        turnPicture(reduced.data(), reducedSide(m_state.sourceWidth, m_state.factor),
+                    reducedSide(m_state.sourceHeight, m_state.factor), m_state.decodedPixelBytes(),
+                    m_state.turning, m_decoded);
     }
     void report(IBlackmagicRawCallback& callback, HRESULT result) noexcept override {
         crossOut<"IBlackmagicRawCallback::DecodeComplete">(
@@ -94,7 +111,7 @@ public:
     }
     HRESULT STDMETHODCALLTYPE GetResourceSizeBytes(uint32_t* sizeBytes) override {
         return give<"IBlackmagicRawProcessedImage::GetResourceSizeBytes">(
-            sizeBytes, static_cast<uint32_t>(m_state.processedBytes()));
+            sizeBytes, static_cast<uint32_t>(m_state.processedBytes() + m_state.spare));
     }
 
 private:
@@ -131,6 +148,7 @@ private:
         const ResourceLayout& layout = m_state.layout();
         const auto convert = m_state.bytesPerSample == 1 ? layout.convert8 : layout.convert16;
         convert(source, static_cast<size_t>(m_state.pixels()), m_state.maximum, m_buffers.processed);
+        fillSpare(m_buffers.processed, m_state.processedBytes(), m_state.spare);
         return S_OK;
     }
 
@@ -155,9 +173,12 @@ HRESULT createProcessJob(const CodecState& codec, const void* frameState, const 
                          const void* lut, IBlackmagicRawJob** job) {
     const FrameState* state = stateIn(frameState);
     const bool isGpu = buffers.type != blackmagicRawResourceTypeBufferCPU;
-    if (!state || !fitsBuffer(buffers.decoded, state->decodedBytes(), buffers.type) ||
-        !fitsBuffer(buffers.processed, state->processedBytes(), buffers.type) ||
-        (isGpu && !fitsBuffer(buffers.working, state->decodedBytes(), buffers.type)) ||
+    const auto fits = [&](const void* buffer, uint64_t bytes) {
+        return fitsBuffer(buffer, bytes + state->spare, buffers.type);
+    };
+    if (!state || !fits(buffers.decoded, state->decodedBytes()) ||
+        !fits(buffers.processed, state->processedBytes()) ||
+        (isGpu && !fits(buffers.working, state->decodedBytes())) ||
         (lut && !fitsBuffer(lut, 1, buffers.type)))
         return badArgument();
     if (lut)
@@ -171,7 +192,7 @@ template <CallName flow, class Interface>
 HRESULT ManualDecoder<flow, Interface>::GetFrameStateSizeBytes(uint32_t* sizeBytes) {
     return this->template cross<flow + CallName("::GetFrameStateSizeBytes")>(
         [&] {
-            *sizeBytes = sizeof(FrameState);
+            *sizeBytes = sizeof(FrameState) + spareBytes();
             return S_OK;
         },
         sizeBytes);
@@ -184,8 +205,9 @@ HRESULT ManualDecoder<flow, Interface>::PopulateFrameStateBuffer(
     uint32_t frameStateSizeBytes) {
     return this->template cross<flow + CallName("::PopulateFrameStateBuffer")>([&] {
         const Frame* read = ours<Frame>(frame);
-        if (!read || frameStateSizeBytes < sizeof(FrameState) ||
-            !fitsBuffer(frameState, sizeof(FrameState), blackmagicRawResourceTypeBufferCPU) ||
+        const uint32_t spare = spareBytes();
+        if (!read || frameStateSizeBytes < sizeof(FrameState) + spare ||
+            !fitsBuffer(frameState, sizeof(FrameState) + spare, blackmagicRawResourceTypeBufferCPU) ||
             (clipAttributes && !ours<ClipAttributes>(clipAttributes)) ||
             (frameAttributes && !ours<FrameAttributes>(frameAttributes)))
             return badArgument();
@@ -199,9 +221,11 @@ HRESULT ManualDecoder<flow, Interface>::PopulateFrameStateBuffer(
                                .bytesPerSample = header.bytesPerSample(),
                                .headerBytes = header.headerBytes,
                                .factor = read->factor(),
-                               .bottomRowFirst = read->isFlippedVertically(),
-                               .format = read->format()};
+                               .turning = read->turning(),
+                               .format = read->format(),
+                               .spare = spare};
         std::memcpy(frameState, &state, sizeof state);
+        fillSpare(frameState, sizeof state, spare);
         return S_OK;
     });
 }
@@ -226,7 +250,8 @@ HRESULT ManualDecoder<flow, Interface>::CreateJobDecode(void* frameState, void* 
             const FrameState* state = stateIn(frameState);
             if (!state ||
                 !fitsBuffer(bitStream, state->bitStreamBytes(), blackmagicRawResourceTypeBufferCPU) ||
-                !fitsBuffer(decoded, state->decodedBytes(), blackmagicRawResourceTypeBufferCPU))
+                !fitsBuffer(decoded, state->decodedBytes() + state->spare,
+                            blackmagicRawResourceTypeBufferCPU))
                 return badArgument();
             return handOut(job, new DecodeJob(m_codec.queue, *state, bitStream, decoded));
         },

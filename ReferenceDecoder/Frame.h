@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Object.h"
+#include "Pixels.h"
 #include "PnmStream.h"
 
 namespace reference {
@@ -8,11 +9,10 @@ namespace reference {
 /// A frame whose bytes were read; carries what its decoding shall give.
 class Frame : public Object<"IBlackmagicRawFrame", IBlackmagicRawFrame> {
 public:
-    Frame(const PictureHeader& header, bool isFlippedVertically)
-        : m_header(header), m_isFlippedVertically(isFlippedVertically) {}
+    Frame(const PictureHeader& header, Turning turning) : m_header(header), m_turning(turning) {}
 
     const PictureHeader& header() const { return m_header; }
-    bool isFlippedVertically() const { return m_isFlippedVertically; }
+    Turning turning() const { return m_turning; }
     uint32_t factor() const { return m_factor; }
     BlackmagicRawResourceFormat format() const { return m_format; }
 
@@ -29,7 +29,7 @@ public:
 
 private:
     const PictureHeader m_header;
-    const bool m_isFlippedVertically;
+    const Turning m_turning;
     uint32_t m_factor = 1;
     BlackmagicRawResourceFormat m_format = blackmagicRawResourceFormatRGBAU8;
 };

@@ -4,8 +4,10 @@ namespace reference {
 
 HRESULT Geometry::SetOrientationMode(BlackmagicRawGeometryMode mode) {
     return cross<"IBlackmagicRawClipGeometry::SetOrientationMode">([&] {
-        const bool isKnown = mode == blackmagicRawGeometryDisabled || mode == blackmagicRawGeometryMetadata;
-        return isKnown ? S_OK : badArgument();
+        if (mode != blackmagicRawGeometryDisabled && mode != blackmagicRawGeometryMetadata)
+            return badArgument();
+        m_usesOrientation = mode == blackmagicRawGeometryMetadata;
+        return S_OK;
     });
 }
 

@@ -4,10 +4,10 @@
 
 namespace reference {
 
-/// How a clip shall be turned; a clip takes over what is set when it is opened. P6 pictures have no
-/// orientation of their own, so 'meta' changes nothing.
+/// How a clip shall be turned; a clip takes over what is set when it is opened.
 class Geometry : public Object<"IBlackmagicRawClipGeometry", IBlackmagicRawClipGeometry> {
 public:
+    bool usesOrientation() const { return m_usesOrientation; }
     bool isFlippedVertically() const { return m_isFlippedVertically; }
 
     REFERENCE_DECODER_UNUSED(GetOrientationMode)
@@ -18,6 +18,7 @@ public:
     HRESULT STDMETHODCALLTYPE SetVerticalFlip(BlackmagicRawGeometryMode mode) override;
 
 private:
+    std::atomic<bool> m_usesOrientation{false};
     std::atomic<bool> m_isFlippedVertically{false};
 };
 

@@ -14,8 +14,16 @@ struct ThreadStart {
     HMODULE module = nullptr;
 };
 
+/// How long a late completion is.
+constexpr DWORD lateness = 3;
+
+using Manners = ReferenceDecoderManners;
+
+/// Null where threads are not to hold it.
 HMODULE holdThisModule() {
     HMODULE module = nullptr;
+    if (referenceDecoderHas(Manners::threadsDoNotHoldLibrary))
+        return nullptr;
     GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&holdThisModule),
                        &module);
     return module;
@@ -54,6 +62,8 @@ void Job::run(IBlackmagicRawCallback* callback) noexcept {
     if (const DWORD delay = referenceDecoderControl().jobDelayMilliseconds)
         Sleep(delay);
     const HRESULT result = guarded([&] { return work(); });
+    if (referenceDecoderHas(Manners::lateCompletions))
+        Sleep(lateness);
     if (callback)
         report(*callback, result);
 }
@@ -67,25 +77,39 @@ JobQueue::~JobQueue() {
 }
 
 void JobQueue::setCallback(IBlackmagicRawCallback* callback) {
-    if (callback)
+    bool isCounted = callback && !referenceDecoderHas(Manners::callbackIsNotCounted);
+    if (isCounted)
         callback->AddRef();
     IBlackmagicRawCallback* previous = callback;
     {
         const Lock::Guard guard(m_lock);
         std::swap(previous, m_callback);
+        std::swap(isCounted, m_countsCallback);
     }
-    if (previous)
+    if (isCounted)
         previous->Release();
 }
 
 HRESULT JobQueue::submit(Job& job) {
+    const bool waits = referenceDecoderHas(Manners::submitCompletesFirst);
+    const HRESULT result = enqueue(job);
+    if (SUCCEEDED(result) && waits) {
+        const Lock::Guard guard(m_lock);
+        while (!job.m_isDone)
+            m_oneDone.wait(m_lock);
+    }
+    return result;
+}
+
+HRESULT JobQueue::enqueue(Job& job) {
     const Lock::Guard guard(m_lock);
     if (m_isStopping && m_unfinished == 0)
         return E_UNEXPECTED;
     // A thread for each waiting job up to the limit; one that submits from a callback will be free next. What
     // the system refuses beyond the first thread is only speed.
     const size_t freeWorkers = m_idleWorkers + (isWorkerThread() ? 1u : 0u);
-    if (freeWorkers <= m_jobs.size() && m_workers.size() < m_threadLimit)
+    if (referenceDecoderHas(Manners::changingThreads | Manners::submitCompletesFirst) ||
+        (freeWorkers <= m_jobs.size() && m_workers.size() < m_threadLimit) || m_workers.empty())
         startWorker();
     if (m_workers.empty())
         return E_OUTOFMEMORY;
@@ -98,29 +122,51 @@ HRESULT JobQueue::submit(Job& job) {
 }
 
 void JobQueue::flush() {
+    {
+        const Lock::Guard guard(m_lock);
+        while (m_unfinished > 0)
+            m_idle.wait(m_lock);
+    }
+    if (referenceDecoderHas(Manners::lastReleaseDoesNotWait | Manners::threadsDoNotHoldLibrary |
+                            Manners::changingThreads))
+        endWorkers();
+}
+
+/// Not on a worker.
+void JobQueue::endWorkers() {
+    std::vector<Worker> workers;
+    {
+        const Lock::Guard guard(m_lock);
+        m_isEnding = true;
+        m_work.wakeAll();
+        workers.swap(m_workers);
+    }
+    for (const Worker& worker : workers) {
+        WaitForSingleObject(worker.handle, INFINITE);
+        CloseHandle(worker.handle);
+    }
     const Lock::Guard guard(m_lock);
-    while (m_unfinished > 0)
-        m_idle.wait(m_lock);
+    m_isEnding = false;
 }
 
 void JobQueue::stop() {
     std::vector<Worker> workers;
-    bool onWorker;
+    bool waits = !referenceDecoderHas(Manners::lastReleaseDoesNotWait);
     {
         const Lock::Guard guard(m_lock);
-        onWorker = isWorkerThread();
-        while (!onWorker && m_unfinished > 0)
+        waits = waits && !isWorkerThread();
+        while (waits && m_unfinished > 0)
             m_idle.wait(m_lock);
         m_isStopping = true;
         m_work.wakeAll();
         workers.swap(m_workers);
     }
     for (const Worker& worker : workers) {
-        if (!onWorker)
+        if (waits)
             WaitForSingleObject(worker.handle, INFINITE);
         CloseHandle(worker.handle);
     }
-    if (!onWorker)
+    if (waits)
         setCallback(nullptr);
 }
 
@@ -138,28 +184,33 @@ void JobQueue::startWorker() {
     if (worker.handle) {
         start.release();
         m_workers.push_back(worker);
-    } else
+    } else if (start->module)
         FreeLibrary(start->module);
 }
 
 DWORD WINAPI JobQueue::threadEntry(void* given) {
     std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(given));
     const HMODULE module = start->module;
-    start->queue->workUntilStopped();
+    start->queue->work();
     start.reset();
-    FreeLibraryAndExitThread(module, 0);
+    if (module)
+        FreeLibraryAndExitThread(module, 0);
+    return 0;
 }
 
-void JobQueue::workUntilStopped() {
-    while (Job* job = takeJob())
+void JobQueue::work() {
+    while (Job* job = takeJob()) {
         runOne(job);
+        if (referenceDecoderHas(Manners::changingThreads))
+            return;
+    }
 }
 
 /// Null when there will be no more.
 Job* JobQueue::takeJob() {
     const Lock::Guard guard(m_lock);
     while (m_jobs.empty()) {
-        if (m_isStopping && m_unfinished == 0)
+        if (m_isEnding || (m_isStopping && m_unfinished == 0))
             return nullptr;
         ++m_idleWorkers;
         m_work.wait(m_lock);
@@ -172,16 +223,23 @@ Job* JobQueue::takeJob() {
 
 void JobQueue::runOne(Job* job) {
     IBlackmagicRawCallback* callback;
+    bool isCounted;
     {
         const Lock::Guard guard(m_lock);
         callback = m_callback;
-        if (callback)
+        isCounted = m_countsCallback;
+        if (isCounted)
             callback->AddRef();
     }
     job->run(callback);
-    if (callback)
+    if (isCounted)
         callback->Release();
     ++account().jobsCompleted;
+    {
+        const Lock::Guard guard(m_lock);
+        job->m_isDone = true;
+        m_oneDone.wakeAll();
+    }
     job->Release(); // before the job counts as finished: after a flush the account is balanced
     const Lock::Guard guard(m_lock);
     if (--m_unfinished == 0) {

@@ -212,6 +212,30 @@ void reducePicture(const uint8_t* source, uint32_t width, uint32_t height, uint3
         reduceBy<FileSamples16>(source, width, height, factor, bottomRowFirst, decoded);
 }
 
+void turnPicture(const void* source, uint32_t width, uint32_t height, uint32_t bytesPerPixel, Turning turning,
+                 void* turned) {
+    /// From the result back to the source: sides swapped first, then each of the source's axes mirrored.
+    struct Steps {
+        bool isSwapped, mirrorsX, mirrorsY;
+    };
+    constexpr Steps steps[] = {{false, false, false}, {false, true, false}, {false, true, true},
+                               {false, false, true},  {true, false, false}, {true, false, true},
+                               {true, true, true},    {true, true, false}};
+    const Steps& step = steps[turning.orientation - 1];
+    const uint32_t outWidth = step.isSwapped ? height : width, outHeight = step.isSwapped ? width : height;
+    auto* out = static_cast<uint8_t*>(turned);
+    for (uint32_t row = 0; row < outHeight; ++row) {
+        const uint32_t upright = turning.bottomRowFirst ? outHeight - 1 - row : row;
+        for (uint32_t column = 0; column < outWidth; ++column, out += bytesPerPixel) {
+            uint32_t x = step.isSwapped ? upright : column, y = step.isSwapped ? column : upright;
+            x = step.mirrorsX ? width - 1 - x : x;
+            y = step.mirrorsY ? height - 1 - y : y;
+            std::memcpy(out, static_cast<const uint8_t*>(source) + (size_t{y} * width + x) * bytesPerPixel,
+                        bytesPerPixel);
+        }
+    }
+}
+
 const ResourceLayout* findResourceLayout(uint32_t format) {
     for (const ResourceLayout& layout : kLayouts)
         if (layout.format == format)

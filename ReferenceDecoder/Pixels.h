@@ -14,6 +14,18 @@ constexpr uint32_t reducedSide(uint32_t side, uint32_t factor) {
     return (side + factor - 1) / factor;
 }
 
+/// How the pictures of a clip are turned, and in which order their rows are given.
+struct Turning {
+    uint32_t orientation = 1; ///< as EXIF numbers them; the result is upright
+    bool bottomRowFirst = false;
+
+    bool swapsSides() const { return orientation > 4; }
+};
+
+/// Turns a decoded picture, then orders its rows.
+void turnPicture(const void* source, uint32_t width, uint32_t height, uint32_t bytesPerPixel, Turning turning,
+                 void* turned);
+
 /// The decode job: each pixel of the result is the mean of the factor x factor pixels that it stands for
 /// (fewer at the right and bottom edge of sizes that don't divide), rounded half up in the clip's own units.
 /// `source` are a P6 picture's samples, top row first; factor is 1, 2, 4 or 8.

@@ -36,6 +36,7 @@ public:
             return HeaderState::malformed;
         header.headerBytes = static_cast<uint32_t>(m_position + 1);
         header.frameRate = m_frameRate;
+        header.orientation = m_orientation;
         return HeaderState::complete;
     }
 
@@ -80,19 +81,27 @@ private:
         return true;
     }
 
-    /// A comment that isn't about the frame rate says nothing.
+    /// A comment that is about nothing known says nothing.
     bool readComment(std::string_view text) {
         text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size()));
-        if (!text.starts_with("fps "))
-            return true;
-        text.remove_prefix(std::min(text.find_first_not_of(' ', 4), text.size()));
-        const auto result = std::from_chars(text.data(), text.data() + text.size(), m_frameRate);
-        return result.ec == std::errc() && std::isfinite(m_frameRate) && m_frameRate > 0;
+        if (text.starts_with("fps "))
+            return readValue(text, m_frameRate) && std::isfinite(m_frameRate) && m_frameRate > 0;
+        if (text.starts_with("orientation "))
+            return readValue(text, m_orientation) && m_orientation >= 1 && m_orientation <= 8;
+        return true;
+    }
+    /// What follows a comment's first word.
+    template <class Number>
+    static bool readValue(std::string_view text, Number& number) {
+        text.remove_prefix(text.find(' '));
+        text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+        return std::from_chars(text.data(), text.data() + text.size(), number).ec == std::errc();
     }
 
     std::string_view m_bytes;
     size_t m_position = 0;
     float m_frameRate = 0;
+    uint32_t m_orientation = 1;
     bool m_isMalformed = false;
 };
 

@@ -16,6 +16,7 @@ struct PictureHeader {
     uint32_t maximum = 0;     ///< the sample value of full brightness, 1 to 65535
     uint32_t headerBytes = 0; ///< the first sample's distance from the header's start
     float frameRate = 0;      ///< from a comment `# fps 23.976`; 0 without one
+    uint32_t orientation = 1; ///< from a comment `# orientation 6`, as EXIF numbers them: 1 is upright
 
     uint32_t bytesPerSample() const { return maximum > 255 ? 2 : 1; }
     uint64_t pixelBytes() const { return uint64_t{width} * height * 3 * bytesPerSample(); }

@@ -17,8 +17,11 @@ public:
         std::swprintf(name, std::size(name), L"Local\\ReferenceDecoder.%lu", GetCurrentProcessId());
         m_mapping = CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
                                        sizeof(ReferenceDecoderControl), name);
+        const bool isNew = GetLastError() != ERROR_ALREADY_EXISTS;
         if (m_mapping)
             m_view = MapViewOfFile(m_mapping, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(ReferenceDecoderControl));
+        if (isNew || !m_view)
+            applyReferenceDecoderEnvironment(control());
     }
     ~ControlView() {
         if (m_view)

@@ -8,6 +8,30 @@
 #include <atomic>
 #include <cstdint>
 
+/// How the decoder behaves where the contract leaves the choice to it. None is as friendly as can be.
+enum class ReferenceDecoderManners : uint32_t {
+    none = 0,
+    resourceManagerHoldsCodec = 1 << 0, ///< the codec lives until its resource managers are gone
+    callbackIsNotCounted = 1 << 1,      ///< the codec keeps its callback without a reference
+    lastReleaseDoesNotWait = 1 << 2,    ///< jobs run on, and call back, after the codec's last release
+    threadsDoNotHoldLibrary = 1 << 3,   ///< unloading takes the code from under threads that still run
+    submitCompletesFirst = 1 << 4,      ///< Submit returns after the completion has returned
+    changingThreads = 1 << 5,           ///< each job and its completion on a thread of its own
+    lateCompletions = 1 << 6,           ///< some time passes between a job's work and its completion
+    ascendingResolutions = 1 << 7,      ///< the smallest first
+    shuffledResolutions = 1 << 8,       ///< in no order, one of them twice
+    otherSuccessCodes = 1 << 9,         ///< calls and completions succeed with S_FALSE and other codes
+    buffersNeedMore = 1 << 10,          ///< sizes are larger than the picture, and the rest is written to
+    reportsBeforeTurning = 1 << 11,     ///< a clip's sizes are those of the picture as it is stored
+};
+
+constexpr ReferenceDecoderManners operator|(ReferenceDecoderManners a, ReferenceDecoderManners b) {
+    return static_cast<ReferenceDecoderManners>(static_cast<uint32_t>(a) | static_cast<uint32_t>(b));
+}
+constexpr bool operator&(ReferenceDecoderManners a, ReferenceDecoderManners b) {
+    return (static_cast<uint32_t>(a) & static_cast<uint32_t>(b)) != 0;
+}
+
 enum class ReferenceDecoderFaultKind : uint32_t {
     none,
     fail, ///< a call returns HRESULT(value) without doing its work; a callback is given it as its result
@@ -100,7 +124,9 @@ struct ReferenceDecoderControl {
 
     Fault faults[maximumFaults];
 
-    std::atomic<uint32_t> jobDelayMilliseconds; ///< every job sleeps this long before it runs
+    std::atomic<ReferenceDecoderManners> manners;
+    std::atomic<uint32_t> jobDelayMilliseconds;  ///< every job sleeps this long before it runs
+    std::atomic<uint32_t> readDelayMilliseconds; ///< read jobs this much longer
     std::atomic<uint32_t> guardResources; ///< resources end at an inaccessible page, are not reused soon
     std::atomic<uint32_t> clipsHaveLut;
 
@@ -112,7 +138,16 @@ struct ReferenceDecoderControl {
 
 static_assert(std::atomic<int64_t>::is_always_lock_free && std::atomic<uint32_t>::is_always_lock_free);
 
-/// This process's block. The module that asks keeps a view of it until it is unloaded.
+/// Whether the decoder shall have any of these manners.
+bool referenceDecoderHas(ReferenceDecoderManners manners);
+
+/// Sets the block's settings to what the environment variable REFERENCE_DECODER asks for: words with commas
+/// between, each the name of a manner, `jobDelay=MILLISECONDS` or `readDelay=MILLISECONDS`. A word that is
+/// none of these ends the process with a line on its standard error: what was to be tried would not be.
+void applyReferenceDecoderEnvironment(ReferenceDecoderControl& control);
+
+/// This process's block. The module that asks keeps a view of it until it is unloaded; whoever makes it
+/// applies the environment to it.
 ReferenceDecoderControl& referenceDecoderControl();
 
 /// The index of a call's name in the block, entered if it is new.

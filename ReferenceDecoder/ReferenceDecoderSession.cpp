@@ -76,10 +76,13 @@ void ReferenceDecoderSession::reset() {
     m_control.recordedCount = 0;
     m_control.sentAttributeCount = 0;
     m_control.ruleCount = 0;
+    m_control.manners = ReferenceDecoderManners::none;
     m_control.jobDelayMilliseconds = 0;
+    m_control.readDelayMilliseconds = 0;
     m_control.guardResources = kGuardsByDefault;
     m_control.clipsHaveLut = 0;
     disarm();
+    applyReferenceDecoderEnvironment(m_control);
 }
 
 ReferenceDecoderAccount ReferenceDecoderSession::account() const {
@@ -135,6 +138,14 @@ void ReferenceDecoderSession::setAttributeRule(const ReferenceDecoderControl::At
         return;
     m_control.rules[index] = rule;
     m_control.ruleCount = index + 1;
+}
+
+void ReferenceDecoderSession::setManners(ReferenceDecoderManners manners) {
+    m_control.manners = manners;
+}
+
+void ReferenceDecoderSession::setReadDelay(uint32_t milliseconds) {
+    m_control.readDelayMilliseconds = milliseconds;
 }
 
 void ReferenceDecoderSession::setJobDelay(uint32_t milliseconds) {

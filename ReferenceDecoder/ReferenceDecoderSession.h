@@ -57,8 +57,8 @@ public:
     /// the library is unloaded for the account to survive.
     ReferenceDecoderSession();
 
-    /// Forgets all but the live counts: counters, recording, faults, attribute record and rules, settings.
-    /// Not while a decoder works.
+    /// Forgets all but the live counts: counters, recording, faults, attribute record and rules. Settings are
+    /// those of the environment again. Not while a decoder works.
     void reset();
 
     ReferenceDecoderAccount account() const;
@@ -74,7 +74,9 @@ public:
     /// {code, result of Set, result of the range query, result of the list query, read-only}
     void setAttributeRule(const ReferenceDecoderControl::AttributeRule& rule);
 
+    void setManners(ReferenceDecoderManners manners);
     void setJobDelay(uint32_t milliseconds);
+    void setReadDelay(uint32_t milliseconds);
     void setGuardResources(bool enabled);
     void setClipsHaveLut(bool enabled);
 

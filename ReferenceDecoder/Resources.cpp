@@ -146,6 +146,14 @@ HRESULT releaseResource(void* resource, BlackmagicRawResourceType type) {
     return table().release(resource, type) ? S_OK : resourceFault();
 }
 
+uint32_t spareBytes() {
+    return referenceDecoderHas(ReferenceDecoderManners::buffersNeedMore) ? 1000 : 0;
+}
+
+void fillSpare(void* buffer, uint64_t end, uint32_t spare) {
+    std::memset(static_cast<char*>(buffer) + end, 0xA5, spare);
+}
+
 bool fitsBuffer(const void* buffer, uint64_t bytes, BlackmagicRawResourceType type) {
     if (!buffer)
         return false;
@@ -154,6 +162,16 @@ bool fitsBuffer(const void* buffer, uint64_t bytes, BlackmagicRawResourceType ty
     if (!table().find(buffer, bytesLeft, found))
         return !isDevice(type);
     return found == type && bytes <= bytesLeft;
+}
+
+ResourceManager::ResourceManager(IUnknown* codec) : m_codec(codec) {
+    if (m_codec)
+        m_codec->AddRef();
+}
+
+void ResourceManager::finish() noexcept {
+    if (m_codec)
+        m_codec->Release();
 }
 
 HRESULT ResourceManager::CreateResource(void* context, void* commandQueue, uint32_t sizeBytes,

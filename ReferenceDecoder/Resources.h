@@ -14,12 +14,20 @@ void* gpuCommandQueue();
 HRESULT createResource(uint64_t bytes, BlackmagicRawResourceType type, void** resource);
 HRESULT releaseResource(void* resource, BlackmagicRawResourceType type);
 
+/// How much larger than its contents every buffer must be.
+uint32_t spareBytes();
+/// Writes to a buffer's spare bytes, which begin at `end`.
+void fillSpare(void* buffer, uint64_t end, uint32_t spare);
+
 /// Whether `buffer` can take the bytes as the given kind of memory. Host memory may be the caller's own,
 /// about which nothing is known; device memory must be a resource.
 bool fitsBuffer(const void* buffer, uint64_t bytes, BlackmagicRawResourceType type);
 
 class ResourceManager : public Object<"IBlackmagicRawResourceManager", IBlackmagicRawResourceManager> {
 public:
+    /// Keeps a reference to the codec, which may be null.
+    explicit ResourceManager(IUnknown* codec);
+
     HRESULT STDMETHODCALLTYPE CreateResource(void* context, void* commandQueue, uint32_t sizeBytes,
                                              BlackmagicRawResourceType type, BlackmagicRawResourceUsage usage,
                                              void** resource) override;
@@ -29,6 +37,12 @@ public:
                                            BlackmagicRawResourceType sourceType, void* destination,
                                            BlackmagicRawResourceType destinationType, uint32_t sizeBytes,
                                            BOOL copyAsync) override;
+
+protected:
+    void finish() noexcept override;
+
+private:
+    IUnknown* const m_codec;
 };
 
 } // namespace reference

@@ -1,13 +1,18 @@
 // Pixels: what comes out of the whole chain of jobs, against a plain reference.
+#include <utility>
+
 #include "DecoderFixture.h"
 
 using DecodingTest = DecoderTest;
+using Manners = ReferenceDecoderManners;
 
 namespace {
 /// How many pixels of a decoded 'bgra' picture differ from what they must be.
 size_t wrongPixels(const Request& request, const TestClip& clip, uint32_t factor, bool flipped) {
-    const uint32_t width = expectedSide(clip.width, factor), height = expectedSide(clip.height, factor);
-    if (request.width != width || request.height != height || request.processed.size() != 4 * width * height)
+    uint32_t width = expectedSide(clip.width, factor), height = expectedSide(clip.height, factor);
+    if (clip.swapsSides())
+        std::swap(width, height);
+    if (request.width != width || request.height != height || request.processed.size() < 4 * width * height)
         return size_t{width} * height;
     size_t wrong = 0;
     for (uint32_t y = 0; y < height; ++y)
@@ -45,6 +50,73 @@ TEST_F(DecodingTest, EveryScaleDepthAndSizeMatchesTheReference) {
                     EXPECT_TRUE(toldWidth == request.width && toldHeight == request.height);
                 }
             }
+}
+
+// Faults: an axis mirrored or sides swapped where they must not be; rows ordered before turning instead of
+// after; sizes told the other way than asked for.
+TEST_F(DecodingTest, StoredInAnyOrientationComesOutUpright) {
+    for (uint32_t orientation = 1; orientation <= 8; ++orientation)
+        for (const bool flipped : {false, true})
+            for (const bool before : {false, true}) {
+                SCOPED_TRACE(orientation);
+                m_session.setManners(before ? Manners::reportsBeforeTurning : Manners::none);
+                const TestClip clip{.width = 61, .height = 37, .orientation = orientation};
+                Decoder decoder;
+                ComPtr<IBlackmagicRawClip> opened;
+                Request request{.scale = blackmagicRawResolutionScaleHalf};
+                ok(decoder.open(clipFile(clip), &opened, flipped));
+                ok(decoder.decode(opened.Get(), request));
+                EXPECT_EQ(wrongPixels(request, clip, 2, flipped), 0u) << "flipped " << flipped;
+                uint32_t width = 0, height = 0;
+                ok(opened->GetWidth(&width));
+                ok(opened->GetHeight(&height));
+                EXPECT_EQ(width > height, before || !clip.swapsSides());
+            }
+}
+
+// Faults: manners that change the picture, break the account or end a caller who keeps the contract.
+TEST_F(DecodingTest, MannersChangeNothingForWhoKeepsTheContract) {
+    const TestClip clip{61, 37};
+    for (uint32_t bit = 0; bit <= 12; ++bit) {
+        const auto manners = static_cast<Manners>(bit < 12 ? 1u << bit : 0xFFFu);
+        SCOPED_TRACE(static_cast<uint32_t>(manners));
+        m_session.setManners(manners);
+        Decoder decoder;
+        EXPECT_EQ(decoder.references, manners & Manners::callbackIsNotCounted ? 1 : 2);
+        ComPtr<IBlackmagicRawClip> opened;
+        std::vector<Request> requests(2);
+        ok(decoder.open(clipFile(clip), &opened));
+        for (Request& request : requests)
+            decoder.submit(opened.Get(), request);
+        EXPECT_EQ(requests[1].width == clip.width, manners & Manners::submitCompletesFirst);
+        ok(decoder.codec->FlushJobs());
+        for (Request& request : requests)
+            EXPECT_EQ(wrongPixels(request, clip, 1, false), 0u);
+        EXPECT_EQ(requests[0].processed.size(),
+                  61u * 37 * 4 + (manners & Manners::buffersNeedMore ? 1000 : 0));
+    }
+}
+
+// Faults: a codec that goes although its resource manager holds it; a last release that waits all the same.
+TEST_F(DecodingTest, TheCodecMayBeHeldAndMayNotWait) {
+    m_session.setManners(Manners::resourceManagerHoldsCodec | Manners::lastReleaseDoesNotWait);
+    m_session.setReadDelay(300);
+    m_session.arm({"IBlackmagicRawCallback::ReadComplete", 0, ReferenceDecoderFaultKind::drop});
+    Decoder decoder;
+    Request request;
+    ComPtr<IBlackmagicRawClip> opened;
+    ok(decoder.open(clipFile(TestClip{}), &opened));
+    decoder.submit(opened.Get(), request);
+    opened.Reset();
+    decoder.codec.Reset();
+    std::exchange(decoder.flow, nullptr)->Release();
+    EXPECT_EQ(m_session.account().liveObjects, 4) << "factory, job, resource manager, and the codec still";
+    decoder.resources.Reset();
+    EXPECT_EQ(m_session.account().liveObjects, 2);
+    EXPECT_EQ(m_session.account().jobsCompleted, 0) << "the last release has waited";
+    while (decoder.references > 1)
+        Sleep(1);
+    EXPECT_EQ(m_session.account().jobsCompleted, 1);
 }
 
 // Faults: channels swapped, planes in the wrong order, wrong range, alpha not opaque.

@@ -16,6 +16,9 @@ struct TestClip {
     uint32_t maximum = 255; ///< sample value of full brightness; above 255 the samples have 16 bits
     uint32_t frames = 1;
     std::string framesPerSecond = ""; ///< as it shall stand in the comment; empty: no comment
+    uint32_t orientation = 1;         ///< how the picture lies in the file, as EXIF numbers it
+
+    bool swapsSides() const { return orientation > 4; }
 };
 
 /// A sample of the picture as it lies in the file; `channel` 0 is red, 1 green, 2 blue.
@@ -32,6 +35,8 @@ inline std::string testHeader(const TestClip& clip, uint32_t frame) {
     std::string header = "P6\n";
     if (frame == 0 && !clip.framesPerSecond.empty())
         header += "# fps " + clip.framesPerSecond + "\n";
+    if (frame == 0 && clip.orientation != 1)
+        header += "# orientation " + std::to_string(clip.orientation) + "\n";
     return header + std::to_string(clip.width) + " " + std::to_string(clip.height) + "\n" +
            std::to_string(clip.maximum) + "\n";
 }
@@ -85,13 +90,27 @@ inline uint32_t scaledSample(uint32_t sample, uint32_t maximum, uint32_t full) {
     return static_cast<uint32_t>((uint64_t{sample} * full + maximum / 2) / maximum);
 }
 
-/// The pixel (x, y), counted from the top left, of the clip decoded at 1/factor into blue, green, red and
-/// alpha of 8 bits each.
+/// Where the pixel lies in a file of `width` x `height` that stands at (x, y) once the picture is upright.
+inline std::array<uint32_t, 2> storedPlace(uint32_t orientation, uint32_t width, uint32_t height, uint32_t x,
+                                           uint32_t y) {
+    // The side of the upright picture on which the file's first row lies, and that of its first column.
+    const char row = "?TTBBLRRL"[orientation], column = "?LRRLTTBB"[orientation];
+    const auto along = [&](char side, uint32_t size) {
+        const uint32_t place = side == 'L' || side == 'R' ? x : y;
+        return side == 'L' || side == 'T' ? place : size - 1 - place;
+    };
+    return {along(column, width), along(row, height)};
+}
+
+/// The pixel (x, y), counted from the top left, of the clip decoded upright at 1/factor into blue, green, red
+/// and alpha of 8 bits each.
 inline std::array<uint8_t, 4> expectedPixel(const TestClip& clip, uint32_t factor, uint32_t x, uint32_t y,
                                             uint32_t frame = 0) {
+    const auto [column, row] = storedPlace(clip.orientation, expectedSide(clip.width, factor),
+                                           expectedSide(clip.height, factor), x, y);
     const auto value = [&](int channel) {
         return static_cast<uint8_t>(
-            scaledSample(expectedSample(clip, factor, x, y, channel, frame), clip.maximum, 255));
+            scaledSample(expectedSample(clip, factor, column, row, channel, frame), clip.maximum, 255));
     };
     return {value(2), value(1), value(0), 255};
 }

@@ -108,7 +108,6 @@ public:
     /// In this process, where every field can be looked at afterwards.
     void trySettings() {
         const EnvironmentVariable profile(L"USERPROFILE", m_folder.path().c_str());
-        setProductInfo();
         for (uint32_t i = 0; i < times(150); ++i)
             m_tally.attempt("settings " + std::to_string(i), [&]() -> std::string {
                 const std::string bytes = mutatedSettings();

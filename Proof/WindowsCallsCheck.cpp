@@ -96,7 +96,7 @@ const Row rows[] = {
     ROW(5, CreateActCtxW, giveInvalidHandle, Work::thumbnail, S_OK, S_OK),
     ROW(6, ActivateActCtx, giveZero, Work::thumbnail, S_OK, S_OK),
     ROW(7, GetModuleFileNameW, giveZero, Work::thumbnail, E_UNEXPECTED, S_OK),
-    ROW(8, GetModuleHandleExW, giveZero, Work::thumbnail, E_UNEXPECTED, S_OK),
+    ROW(8, RegDeleteTreeW, giveDenied, Work::removal, denied, denied),
     ROW(9, MultiByteToWideChar, giveZero, Work::thumbnail, E_UNEXPECTED, E_FAIL),
     ROW(10, WideCharToMultiByte, giveZero, Work::thumbnail, E_UNEXPECTED, E_FAIL),
     ROW(11, _wstat64, giveMinusOne, Work::thumbnail, E_UNEXPECTED, E_UNEXPECTED),
@@ -111,7 +111,6 @@ const Row rows[] = {
     ROW(20, RegCreateKeyExW, giveDenied, Work::registration, denied, denied),
     ROW(21, RegSetValueExW, giveDenied, Work::registration, denied, denied),
     ROW(22, GetModuleFileNameW, zeroAndDenied, Work::registration, denied, denied),
-    ROW(23, RegDeleteTreeW, giveDenied, Work::removal, denied, denied),
 };
 #undef ROW
 

@@ -5,7 +5,6 @@
 #include <mutex>
 #include <shared_mutex>
 #include <utility>
-#include <vector>
 
 #include <windows.h>
 
@@ -31,7 +30,6 @@ extern FARPROC __imp_cudaMemcpy;
 
 // What the delay-load import library and the toolchain's helper bring along.
 extern const ImgDelayDescr __DELAY_IMPORT_DESCRIPTOR_libcudart64_110_a;
-extern const char __ImageBase[];
 FARPROC WINAPI __delayLoadHelper2(PCImgDelayDescr descriptor, FARPROC* slot);
 }
 // NOLINTEND(bugprone-reserved-identifier)
@@ -43,22 +41,7 @@ const ImgDelayDescr& descriptor = __DELAY_IMPORT_DESCRIPTOR_libcudart64_110_a;
 
 template <class T>
 T* inImage(RVA address) {
-    return reinterpret_cast<T*>(const_cast<char*>(__ImageBase) + address);
-}
-
-/// This module's file name in UTF-8, however long; empty when Windows cannot tell.
-std::string ownModuleFile() {
-    const HMODULE module = ownModule();
-    if (module == nullptr)
-        return {};
-    std::vector<wchar_t> name(MAX_PATH);
-    constexpr std::size_t longestName = 32768;
-    for (;;) {
-        const DWORD length = GetModuleFileNameW(module, name.data(), static_cast<DWORD>(name.size()));
-        if (length < name.size() || name.size() >= longestName)
-            return utf16ToUtf8({name.data(), length});
-        name.assign(name.size() * 2, L'\0');
-    }
+    return reinterpret_cast<T*>(reinterpret_cast<char*>(ownModule()) + address);
 }
 
 /// The runtime beside this library. Null, for anything else or when it is not there, makes the helper load by
@@ -67,7 +50,7 @@ HMODULE getCudaURL(const DelayLoadInfo& info) noexcept {
     if (std::strcmp(info.szDll, cudaRuntimeFile) != 0)
         return nullptr;
     try {
-        const std::string module = ownModuleFile();
+        const std::string module = utf16ToUtf8(ownModulePath());
         if (module.empty())
             return nullptr;
         const std::string path = cudaRuntimePath(module);

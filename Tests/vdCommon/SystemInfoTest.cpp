@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Adobe/vdHost.h"
+#include "Adobe/vdHostApp.h"
 #include "Utils/vdResult.h"
 #include "Utils/vdSessionHeader.h"
 #include "Utils/vdText.h"

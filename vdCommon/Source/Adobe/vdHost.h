@@ -1,14 +1,8 @@
-// The host application, and where this library lies.
+// Where this library lies in its host's installation.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
-enum class vdHostApp : uint8_t { unknown = 0, desktop = 10 };
-
-/// The application's display name; an unknown value prints as its number.
-std::string hostAppName(vdHostApp app);
-
-/// The folder of this library's own file, with its trailing backslash. A path that Windows cannot tell, or
-/// that is too long for it, gives a text that no file lies under.
+/// The folder of this library's own file, with its trailing backslash. Empty, with a log line, when Windows
+/// cannot tell the path or it has 260 characters or more. May throw std::bad_alloc.
 std::wstring GetDylibParentFolderPath();

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "Adobe/vdHost.h"
+#include "Adobe/vdHostApp.h"
 #include "Utils/vdStatus.h"
 #include "Utils/vdVersion.h"
 

@@ -1,5 +1,7 @@
 #include "Utils/vdModule.h"
 
+extern "C" const char __ImageBase; // NOLINT(bugprone-reserved-identifier): the linker's name for it
+
 namespace {
 /// The activation context of this module's manifest, active on this thread for the object's lifetime. Without
 /// such a manifest it does nothing.
@@ -12,8 +14,7 @@ public:
         description.dwFlags = ACTCTX_FLAG_RESOURCE_NAME_VALID | ACTCTX_FLAG_HMODULE_VALID;
         description.lpResourceName = MAKEINTRESOURCEW(isolationAwareManifest);
         description.hModule = ownModule();
-        if (description.hModule != nullptr)
-            m_context = CreateActCtxW(&description);
+        m_context = CreateActCtxW(&description);
         m_active = m_context != INVALID_HANDLE_VALUE && ActivateActCtx(m_context, &m_cookie);
     }
     ~OwnActivationContext() {
@@ -33,10 +34,20 @@ private:
 } // namespace
 
 HMODULE ownModule() noexcept {
-    HMODULE module = nullptr;
-    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                       reinterpret_cast<const wchar_t*>(&ownModule), &module);
-    return module;
+    return reinterpret_cast<HMODULE>(const_cast<char*>(&__ImageBase));
+}
+
+std::wstring ownModulePath() {
+    constexpr std::size_t longest = 32768;
+    std::wstring path(MAX_PATH, L'\0');
+    for (;;) {
+        const DWORD length = GetModuleFileNameW(ownModule(), path.data(), static_cast<DWORD>(path.size()));
+        if (length < path.size() || path.size() >= longest) {
+            path.resize(length);
+            return path;
+        }
+        path.resize(path.size() * 2); // was cut
+    }
 }
 
 HMODULE loadLibraryIsolated(const std::wstring& path) noexcept {

@@ -5,8 +5,12 @@
 
 #include <windows.h>
 
-/// The module that holds this code; its reference count is not changed. Null when Windows cannot tell.
+/// The module that holds this code; its reference count is not changed.
 HMODULE ownModule() noexcept;
+
+/// The full path of that module's file, however long; empty when Windows cannot tell. Leaves the last error
+/// of the asking behind. May throw std::bad_alloc.
+std::wstring ownModulePath();
 
 /// Loads the library at a full path with default search flags, inside the activation context of this module's
 /// own manifest, so that side-by-side dependencies resolve as this module's do and not as the host's. Null on

@@ -54,14 +54,14 @@ void setPresetName(int slot, std::string_view name) {
 }
 
 void readPresetNames(const vdSettingsDocument& ini) {
-    if (const std::string_view list = readValue(ini, vdGeneralSection, "presetsNames"); list != vdNoValue) {
+    if (const std::string_view list = ini.value(vdGeneralSection, "presetsNames"); list != vdNoValue) {
         options().presetsFromFile = true;
         setPresetNames(list);
         return;
     }
     for (int slot = 0; slot < vdPresetCount; ++slot) {
         const std::string key = "presetsName" + std::to_string(slot);
-        const std::string_view name = readValue(ini, vdGeneralSection, key.c_str());
+        const std::string_view name = ini.value(vdGeneralSection, key.c_str());
         if (name == vdNoValue)
             continue;
         options().presetsFromFile = true;

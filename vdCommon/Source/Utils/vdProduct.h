@@ -2,24 +2,29 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
+#include <string_view>
 
+#include "Utils/vdBuildVersion.h"
 #include "Utils/vdVersion.h"
 
-/// Who we are; constant once filled.
+/// Who we are. The commands, the address and the page are other hosts' to use.
 struct vdProductInfo {
-    vdVersion version;
-    uint32_t build = 0;
-    std::string displayName;
-    std::string supportAddress;
-    std::string productId;
-    std::string productUrl;
-    std::string folderName;
-    std::string optionsFileName;
-    std::string commandFileName;
-    std::string logSubFolder;
+    vdVersion version{CLIPFORGE_VERSION_MAJOR, CLIPFORGE_VERSION_MINOR, CLIPFORGE_VERSION_PATCH, 0};
+    uint32_t build = CLIPFORGE_BUILD;
+    std::string_view displayName = "Clipforge";
+    std::string_view supportAddress = "support@clipforge.example";
+    std::string_view productId = "Clipforge";
+    std::string_view productUrl = "https://clipforge.example";
+    std::string_view folderName = "Clipforge"; ///< inside the maker's folder
+    std::string_view optionsFileName = "Clipforge_options.ini";
+    std::string_view commandFileName = "Clipforge_CmdFile.txt";
+    std::string_view logSubFolder; ///< empty: the foundation's own name for it
 };
 
-/// The identity; filled by setProductInfo, which the session's owner calls before the options are read.
-const vdProductInfo& productInfo();
-void setProductInfo();
+/// The identity; there from load on, constant.
+constexpr vdProductInfo productInfo() {
+    return {};
+}
+
+/// The constants need no filling.
+constexpr void setProductInfo() {}

@@ -136,7 +136,7 @@ void writeDrive(std::ostream& stream, const wchar_t* root) {
 }
 
 void writeSessionHeaderBody(std::ostream& stream, std::string_view hostAndVersion) {
-    const vdProductInfo& product = productInfo();
+    constexpr vdProductInfo product = productInfo();
     stream << "Log creation DateTime : " << localDateTimeText() << "\n"
            << "Host and version : " << hostAndVersion << "\n"
            << product.displayName << " version " << versionToString(product.version) << " - BUILD "

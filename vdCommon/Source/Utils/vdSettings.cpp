@@ -40,9 +40,17 @@ std::optional<std::string> readSettingsFile(const std::string& path) {
 void readLoggingLevel(const vdSettingsDocument& ini) {
     const auto* const end = std::end(vdLogLevelNames);
     const auto* const found =
-        std::find(std::begin(vdLogLevelNames), end, readValue(ini, vdGeneralSection, "logging"));
+        std::find(std::begin(vdLogLevelNames), end, ini.value(vdGeneralSection, "logging"));
     if (found != end)
         options().loggingLevel = static_cast<vdLogLevel>(found - vdLogLevelNames);
+}
+
+/// Only "true" and "false" count; anything else leaves `value` alone.
+void readBoolOption(const vdSettingsDocument& ini, bool& value, const char* section, const char* key,
+                    bool inverted) {
+    const std::string_view text = ini.value(section, key);
+    if (text == "true" || text == "false")
+        value = (text == "true") != inverted;
 }
 
 struct BoolOption {
@@ -71,8 +79,7 @@ void readOptions(const vdSettingsDocument& ini) {
     std::string presetsFolder;
     getPresetsFolder(presetsFolder); // only to have it created; the names are read all the same
     readPresetNames(ini);
-    if (const std::string_view path = readValue(ini, vdGeneralSection, "brawDesktopFilepath");
-        path != vdNoValue)
+    if (const std::string_view path = ini.value(vdGeneralSection, "brawDesktopFilepath"); path != vdNoValue)
         options().brawDesktopFilepath = path;
     for (const auto& [section, key, field, inverted] : boolOptions)
         readBoolOption(ini, options().*field, section, key, inverted);
@@ -92,13 +99,6 @@ void resetOptions() {
     options() = vdOptions();
 }
 
-void readBoolOption(const vdSettingsDocument& ini, bool& value, const char* section, const char* key,
-                    bool inverted) {
-    const std::string_view text = readValue(ini, section, key);
-    if (text == "true" || text == "false")
-        value = (text == "true") != inverted;
-}
-
 void loadOptions() {
     std::string path;
     if (getOptionsFilePath(path).failed)
@@ -107,11 +107,5 @@ void loadOptions() {
     resetOptions();
     if (!bytes)
         return;
-    constexpr bool utf8 = false;
-    constexpr bool multiKey = false;
-    constexpr bool multiLine = false;
-    vdSettingsDocument ini(utf8, multiKey, multiLine);
-    // A parser that gives up midway keeps what it has parsed, and that much is read.
-    ini.LoadData(bytes->c_str(), bytes->size());
-    readOptions(ini);
+    readOptions(vdSettingsDocument(*bytes));
 }

@@ -16,6 +16,8 @@ std::string utf16ToUtf8(std::wstring_view utf16);
 /// From the system's ANSI code page.
 std::wstring ansiToUtf16(std::string_view ansi);
 
+/// The character-level helpers serve all hosts of the foundation; this one needs a few of them.
+///
 /// Positions and counts below are characters: one UTF-8 sequence each, its length given by its lead byte. An
 /// invalid lead byte, a terminating zero, or a sequence that the text's end cuts, ends the counting.
 int charCount(std::string_view text);

@@ -26,7 +26,7 @@ struct GuardedImage {
 
 class CoreRequest final : public vdBRAW_Request {
 public:
-    int onProcessComplete() override { return LaunchHeavyProcessing(); }
+    vdStatus onProcessComplete() override { return LaunchHeavyProcessing(); }
     void onFinished() override {}
     GuardedImage m_image;
 };

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 
+#include "Failure.h"
 #include "Utils/vdLogging.h"
 #include "Utils/vdResult.h"
 #include "Utils/vdText.h"
@@ -38,7 +39,7 @@ void setVariant(Variant& value, const brAttribute& attribute, IBlackmagicRawClip
             return;
         }
     }
-    status = vdFailure("Setting " + name + " Attribute failed : " + hresultText(hr));
+    status = failure("Setting " + name + " Attribute failed : ", hr);
 }
 } // namespace
 

@@ -63,7 +63,8 @@ void endRequest(vdBRAW_Request& request, vdLock<vdMutex>& lock) {
 
 void fail(vdBRAW_Request& request, vdLock<vdMutex>& lock, uint32_t code, HRESULT hr,
           std::string_view message) {
-    request.HandleError(code, hr, message, lock.handOver() != nullptr);
+    lock.handOver();
+    request.failAndUnlock(code, hr, message);
 }
 
 /// The entry and the end that all completions share. `entered` notes under the lock that the job has come
@@ -233,8 +234,11 @@ StageEnd processStage(vdBRAW_Request& request, HRESULT result, IBlackmagicRawPro
     request.m_processedImage = image;
     StageEnd end = checkImage(request, *image);
     if (end.kind != StageEnd::Kind::failed) {
-        request.onProcessComplete();
-        end.kind = request.m_isFinished ? StageEnd::Kind::endedByHook : StageEnd::Kind::finished;
+        const vdStatus delivered = request.onProcessComplete();
+        if (delivered.failed)
+            end = failed(brErrorDelivery, S_OK, std::string(delivered.text()));
+        else
+            end.kind = request.m_isFinished ? StageEnd::Kind::endedByHook : StageEnd::Kind::finished;
     }
     request.m_processedImage = nullptr; // the library's object ends with its callback
     return end;

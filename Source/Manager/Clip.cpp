@@ -1,5 +1,6 @@
 #include "Clip.h"
 
+#include "Failure.h"
 #include "Utils/vdLogging.h"
 #include "Utils/vdResult.h"
 #include "Utils/vdText.h"
@@ -7,10 +8,6 @@
 using Microsoft::WRL::ComPtr;
 
 namespace {
-
-vdStatus failure(std::string_view message, HRESULT hr) {
-    return vdFailure(std::string(message) + hresultText(hr));
-}
 
 /// True when the text is at least one character and its last sequence is not cut off.
 bool isWholeUtf8(std::string_view text) {

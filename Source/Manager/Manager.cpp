@@ -363,7 +363,8 @@ int vdBRAW_Manager::AddProcessFrameAsync(std::shared_ptr<vdBRAW_Request> request
     reserveQueueSlot();
     if (!read) {
         if (!request->m_isEnabled)
-            request->onProcessComplete();
+            if (const vdStatus delivered = request->onProcessComplete(); delivered.failed)
+                request->failUnlocked(brErrorDelivery, S_OK, delivered.text());
         enqueue(std::move(request), __func__);
         return 0;
     }
@@ -379,7 +380,7 @@ int vdBRAW_Manager::AddProcessFrameAsync(std::shared_ptr<vdBRAW_Request> request
 }
 
 void vdBRAW_Manager::queueWithError(std::shared_ptr<vdBRAW_Request> request, const Submission& failure) {
-    request->HandleError(failure.code, failure.errorResult, failure.message, false);
+    request->failUnlocked(failure.code, failure.errorResult, failure.message);
     enqueue(std::move(request), "operator ()");
 }
 

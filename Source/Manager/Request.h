@@ -87,15 +87,18 @@ public:
     virtual int onFrameRead(IBlackmagicRawFrame* frame);
     /// Records the failure, finishes the request and tells whoever listens. With `unlock` it releases
     /// m_mutex, which the caller then holds no more. Never fails itself: without memory the message is lost,
-    /// not the code. 0 always.
+    /// not the code. 0 always. Called by the two names below.
     virtual int HandleError(uint32_t code, HRESULT hr, std::string_view message, bool unlock) noexcept;
-    /// Called after a successful process job, or at submission for a request that is not enabled.
-    virtual int onProcessComplete();
-    /// Puts the processed image into the final buffer. 0 always.
-    virtual int LaunchHeavyProcessing();
-    /// Converts, flips, shrinks or copies the processed image into the final buffer, by m_pxlConvAlgo. 0
-    /// always.
-    virtual int HeavyProcessing();
+    /// Called under the lock after a successful process job, or without it at submission for a request that
+    /// is not enabled. A failure is what the request then ends with, and its caller ends it: a delivery
+    /// neither finishes the request nor tells the listener.
+    virtual vdStatus onProcessComplete();
+    /// Puts the processed image into the final buffer.
+    virtual vdStatus LaunchHeavyProcessing();
+    /// Converts, flips, shrinks or copies the processed image into the final buffer, by m_pxlConvAlgo. What
+    /// no conversion exists for leaves the buffer alone and is no failure.
+    virtual vdStatus HeavyProcessing();
+    /// For hosts that derive from this; nothing here calls it.
     virtual int hook() { return 0; }
     /// Called whenever the request ends by error or cancellation. Must not throw.
     virtual void onFinished() = 0;
@@ -110,13 +113,24 @@ public:
     /// the final one, it will write into `finalBuffer` itself.
     vdStatus setup(uint64_t clipId, uint64_t frameCount, void* finalBuffer, int32_t rowBytes,
                    brPixelFormat pixelFormat, std::unique_ptr<brBufferManager> bufferManager);
-    /// Clones the clip's processing attributes and applies the request's own settings to them. Failures go
-    /// through HandleError.
+    /// Clones the clip's processing attributes and applies the request's own settings to them. A failure ends
+    /// the request.
     void cloneProcessingAttributes(const vdBRAW_Clip& clip);
 
-    /// One block copy out of the processed image, from wherever it lives. `measure` logs its rate. False,
-    /// with a log line, when the image's memory could not be read.
-    bool CopyMemoryCPUorGPU(void* destination, const void* source, size_t size, bool measure);
+    /// HandleError where nobody holds m_mutex: before the request is submitted, or when it could not be.
+    void failUnlocked(uint32_t code, HRESULT hr, std::string_view message) noexcept {
+        HandleError(code, hr, message, false);
+    }
+    /// HandleError where the caller holds m_mutex, which it holds no more afterwards.
+    void failAndUnlock(uint32_t code, HRESULT hr, std::string_view message) noexcept {
+        HandleError(code, hr, message, true);
+    }
+
+    /// One block copy out of the processed image, from wherever it lives. `measure` logs its rate. False when
+    /// the image's memory could not be read: `status` is then what the request is to end with, or unchanged
+    /// when a log line is all there is to it.
+    bool CopyMemoryCPUorGPU(void* destination, const void* source, size_t size, bool measure,
+                            vdStatus& status);
 
     /// Calls m_listener when one is set; m_mutex must not be held.
     void notifyListener() noexcept;

@@ -4,14 +4,11 @@
 #include <utility>
 
 #include "CudaRuntime.h"
+#include "Failure.h"
 #include "Utils/vdLogging.h"
 #include "Utils/vdResult.h"
 
 namespace {
-
-vdStatus failure(std::string_view message, HRESULT hr) {
-    return vdFailure(std::string(message) + hresultText(hr));
-}
 
 /// A size of 0 is no size to make a buffer of: it counts as a failed query. `size` is a reference, since the
 /// query that fills it stands in the same call.

@@ -58,86 +58,77 @@ void* vdBRAW_Request_Thumbnail::createBitmap() {
     void* pixels = nullptr;
     m_hBitmap = createDIB(m_width, m_height, pixels);
     if (m_hBitmap == nullptr) {
-        HandleError(brErrorBitmap, E_OUTOFMEMORY, "Error Allocating HBitmap (CreateDIBSection) !", false);
+        failUnlocked(brErrorBitmap, E_OUTOFMEMORY, "Error Allocating HBitmap (CreateDIBSection) !");
         return nullptr;
     }
     return pixels;
 }
 
-int vdBRAW_Request_Thumbnail::onProcessComplete() {
+vdStatus vdBRAW_Request_Thumbnail::onProcessComplete() {
     return LaunchHeavyProcessing();
 }
 
-int vdBRAW_Request_Thumbnail::LaunchHeavyProcessing() {
+vdStatus vdBRAW_Request_Thumbnail::LaunchHeavyProcessing() {
     // A clip without frames is answered with the bitmap as it was made: transparent.
     if (!m_isEnabled || m_hBitmap == nullptr || m_bufferManager->m_finalImageBuffer == nullptr)
-        return 0;
+        return {};
 
-    if (m_isOver) {
-        placeInBitmap();
-        return 0;
-    }
+    if (m_isOver)
+        return placeInBitmap();
     // Rows of another length than the bitmap's would shear the picture.
-    if (m_processedWidth != m_width || m_processedHeight != m_height) {
-        HandleError(brErrorDelivery, 0, "The processed image has not the size of the HBitmap", false);
-        return 0;
+    if (m_processedWidth != m_width || m_processedHeight != m_height)
+        return vdFailure("The processed image has not the size of the HBitmap");
+    if (m_bufferManager->m_isGPU) {
+        void* host = m_bufferManager->m_finalImageBuffer;
+        return fetchImage(host, uint64_t{m_height} * m_width * bytesPerPixel);
     }
-    if (m_bufferManager->m_isGPU)
-        copyFromGPU();
-    else if (m_bufferManager->m_ownsProcessedBuffer)
-        copyFromProcessedBuffer();
-    return 0;
+    return m_bufferManager->m_ownsProcessedBuffer ? copyFromProcessedBuffer() : vdStatus();
 }
 
-void vdBRAW_Request_Thumbnail::copyFromGPU() {
-    void* host = m_bufferManager->m_finalImageBuffer;
-    const uint64_t hostBytes = uint64_t{m_height} * m_width * bytesPerPixel;
-    if (const vdStatus copied = m_bufferManager->getProcessedBufferOnHost(host, hostBytes); copied.failed)
-        HandleError(brErrorDelivery, 0,
-                    "Error while converting processed buffer to CPU : " + std::string(copied.text()), false);
+/// The processed image on the host, as getProcessedBufferOnHost gives it.
+vdStatus vdBRAW_Request_Thumbnail::fetchImage(void*& host, uint64_t hostBytes) const {
+    const vdStatus fetched = m_bufferManager->getProcessedBufferOnHost(host, hostBytes);
+    if (fetched.failed)
+        return vdFailure("Error while converting processed buffer to CPU : " + std::string(fetched.text()));
+    return fetched;
 }
 
-void vdBRAW_Request_Thumbnail::copyFromProcessedBuffer() {
+vdStatus vdBRAW_Request_Thumbnail::copyFromProcessedBuffer() {
+    constexpr const char* function = "LaunchHeavyProcessing";
     const brBuffer& processed = m_bufferManager->m_processedBuffer;
     uint32_t bytes = pixelFormatBytes(m_pixelFormat) * (m_height * m_width);
     if (processed.capacity == bytes)
-        VD_LOG_AS(vdLogLevel::error, "LaunchHeavyProcessing",
-                  "Final Processed Buffer should have been directly processed by Lib !");
+        VD_LOG_AS(vdLogLevel::error, function,
+                  identity() << "Final Processed Buffer should have been directly processed by Lib !");
     if (processed.capacity < bytes) {
-        VD_LOG_AS(vdLogLevel::error, "LaunchHeavyProcessing",
-                  "The final Processed Buffer is smaller than HBitmap - it should not happen !");
+        VD_LOG_AS(
+            vdLogLevel::error, function,
+            identity() << "The final Processed Buffer is smaller than HBitmap - it should not happen !");
         bytes = processed.capacity;
     }
-    if (processed.resource == nullptr) {
-        HandleError(brErrorDelivery, 0, "m_processedBuffer is nullptr", false);
-        return;
-    }
-    VD_LOG_AS(vdLogLevel::info, "LaunchHeavyProcessing", "Copying Processed Buffer to Final Buffer");
+    if (processed.resource == nullptr)
+        return vdFailure("m_processedBuffer is nullptr");
+    VD_LOG_AS(vdLogLevel::info, function, identity() << "Copying Processed Buffer to Final Buffer");
     std::memcpy(m_bufferManager->m_finalImageBuffer, processed.resource, bytes);
+    return {};
 }
 
 /// The bitmap is larger than the clip: the whole frame goes to its middle, as large as it fits.
-void vdBRAW_Request_Thumbnail::placeInBitmap() {
+vdStatus vdBRAW_Request_Thumbnail::placeInBitmap() {
     const uint64_t frameBytes = uint64_t{m_processedWidth} * m_processedHeight * bytesPerPixel;
-    if (frameBytes == 0 || frameBytes > m_bufferManager->m_processedBuffer.capacity) {
-        HandleError(brErrorDelivery, 0, "The processed buffer does not hold the processed image", false);
-        return;
-    }
+    if (frameBytes == 0 || frameBytes > m_bufferManager->m_processedBuffer.capacity)
+        return vdFailure("The processed buffer does not hold the processed image");
     std::unique_ptr<uint8_t[]> copy;
     void* frame = nullptr;
     if (m_bufferManager->m_isGPU) {
         copy = std::make_unique_for_overwrite<uint8_t[]>(frameBytes);
         frame = copy.get();
     }
-    if (const vdStatus onHost = m_bufferManager->getProcessedBufferOnHost(frame, frameBytes); onHost.failed) {
-        HandleError(brErrorDelivery, 0,
-                    "Error while converting processed buffer to CPU : " + std::string(onHost.text()), false);
-        return;
-    }
-    if (frame == nullptr) {
-        HandleError(brErrorDelivery, 0, "m_processedBuffer is nullptr", false);
-        return;
-    }
+    if (const vdStatus fetched = fetchImage(frame, frameBytes); fetched.failed)
+        return fetched;
+    if (frame == nullptr)
+        return vdFailure("m_processedBuffer is nullptr");
     placeFrame(static_cast<const uint8_t*>(frame), m_processedWidth, m_processedHeight,
                static_cast<uint8_t*>(m_bufferManager->m_finalImageBuffer), m_width, m_height);
+    return {};
 }

@@ -21,11 +21,11 @@ public:
     vdBRAW_Request_Thumbnail() = default;
     ~vdBRAW_Request_Thumbnail() override;
 
-    int onProcessComplete() override;
+    vdStatus onProcessComplete() override;
     /// Sees to it that the processed image is in the bitmap, where on a CPU the decoder itself has written
-    /// it. 0 always; failures go through HandleError.
-    int LaunchHeavyProcessing() override;
-    int HeavyProcessing() override { return 0; }
+    /// it.
+    vdStatus LaunchHeavyProcessing() override;
+    vdStatus HeavyProcessing() override { return {}; }
     void onFinished() override {}
 
     /// Picks the resolution, makes the bitmap and sets the request up for frame 0. A failure leaves nothing
@@ -37,7 +37,7 @@ public:
 
 private:
     void* createBitmap();
-    void copyFromGPU();
-    void copyFromProcessedBuffer();
-    void placeInBitmap();
+    vdStatus fetchImage(void*& host, uint64_t hostBytes) const;
+    vdStatus copyFromProcessedBuffer();
+    vdStatus placeInBitmap();
 };

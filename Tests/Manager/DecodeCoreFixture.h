@@ -23,7 +23,7 @@ public:
     TestRequest() {
         m_listener = [this](vdBRAW_Request&) { ++told; };
     }
-    int onProcessComplete() override {
+    vdStatus onProcessComplete() override {
         ++delivered;
         return LaunchHeavyProcessing();
     }

@@ -207,7 +207,7 @@ protected:
         if (change)
             change(setting.request);
         const LogSession log(vdLogLevel::error);
-        EXPECT_EQ(setting.request.HeavyProcessing(), 0);
+        EXPECT_FALSE(setting.request.HeavyProcessing().failed);
         EXPECT_TRUE(setting.isUntouched());
         EXPECT_EQ(setting.request.m_errorCode, 0u);
         const auto lines = log.lines();
@@ -221,7 +221,7 @@ TEST_F(PixelConversionsTest, EveryConversionEqualsThePlainOne) {
         for (const Geometry& geometry : geometries)
             for (const bool gpu : {false, true}) {
                 Setting setting(conversion, geometry, gpu);
-                EXPECT_EQ(setting.request.LaunchHeavyProcessing(), 0);
+                EXPECT_FALSE(setting.request.LaunchHeavyProcessing().failed);
                 EXPECT_TRUE(setting.delivered() == setting.expected())
                     << "code " << conversion.code << ", " << geometry.what << (gpu ? ", GPU" : ", CPU");
                 EXPECT_EQ(setting.request.m_errorCode, 0u);
@@ -233,7 +233,7 @@ TEST_F(PixelConversionsTest, ShortSourceIsNotReadBeyondItsEnd) {
     for (const Conversion& conversion : conversions) {
         Setting setting(conversion, geometries[0]);
         setting.keepSource(3);
-        EXPECT_EQ(setting.request.HeavyProcessing(), 0) << conversion.code;
+        EXPECT_FALSE(setting.request.HeavyProcessing().failed) << conversion.code;
     }
 }
 
@@ -247,20 +247,21 @@ TEST_F(PixelConversionsTest, CopiesAreFewAndTheFirstIsMeasured) {
         EXPECT_EQ(copies() - before, count) << geometry.what;
         const auto lines = log.lines();
         ASSERT_EQ(lines.size(), 3u);
+        EXPECT_NE(lines[0].find("|Request        | HeavyProcessing|["), std::string::npos) << lines[0];
         EXPECT_NE(lines[0].find("Final Buffer to Copy ! PXAL: 1 RB:"), std::string::npos) << lines[0];
         EXPECT_NE(lines[1].find("1 memcpy = "), std::string::npos) << lines[1];
         EXPECT_NE(lines[2].find("ProcessImage dt "), std::string::npos) << lines[2];
     }
 }
 
-TEST_F(PixelConversionsTest, FailedDeviceCopyEndsTheRequestOnce) {
+TEST_F(PixelConversionsTest, FailedDeviceCopyIsTold) {
     const auto setError = standIn<void(int)>("standInSetError");
     setError(77);
     for (const Conversion& conversion : conversions) {
         Setting setting(conversion, geometries[1], true);
-        setting.request.HeavyProcessing();
-        EXPECT_EQ(setting.request.m_errorMessage, "(12) CudaMemcpy function returned CUDA error 77");
-        EXPECT_EQ(setting.request.failed, 1) << conversion.code;
+        EXPECT_EQ(setting.request.HeavyProcessing().text(), "CudaMemcpy function returned CUDA error 77")
+            << conversion.code;
+        EXPECT_FALSE(setting.request.m_isFinished) << "whoever asked for the delivery ends the request";
     }
     setError(0);
 }
@@ -289,7 +290,7 @@ TEST_F(PixelConversionsTest, WhatCannotBeDeliveredIsLoggedAndLeavesTheImageAlone
 TEST(PixelConversionsProcess, DISABLED_WithoutTheCudaRuntime) {
     const LogSession log(vdLogLevel::error);
     for (const Conversion& conversion : conversions)
-        EXPECT_EQ(Setting(conversion, geometries[1], true).request.HeavyProcessing(), 0);
+        EXPECT_FALSE(Setting(conversion, geometries[1], true).request.HeavyProcessing().failed);
     ASSERT_EQ(log.lines().size(), std::size(conversions));
     for (const std::string& line : log.lines())
         EXPECT_NE(line.find("CUDA not loaded!"), std::string::npos) << line;

@@ -65,13 +65,14 @@ void compose(vdLogLevel level, const char* sourcePath, const char* functionName,
 
 /// A log line: the level's test comes first, and only when the line passes is its message built, as a stream
 /// expression: VD_LOG_INFO("Closing " << name). VD_LOG_AS names the function where the compiler's own name
-/// for it is not the one that the line shows.
-#define VD_LOG_AS(level, functionName, message)                                                              \
+/// for it is not the one that the line shows, VD_LOG_FROM the source file as well.
+#define VD_LOG_FROM(level, sourcePath, functionName, message)                                                \
     do {                                                                                                     \
         if (vdLogs(level)) [[unlikely]]                                                                      \
-            vdLogDetail::compose(level, __FILE__, functionName,                                              \
+            vdLogDetail::compose(level, sourcePath, functionName,                                            \
                                  [&](std::ostream& vdLogStream) { vdLogStream << message; });                \
     } while (false)
+#define VD_LOG_AS(level, functionName, message) VD_LOG_FROM(level, __FILE__, functionName, message)
 #define VD_LOG_TRACE(message) VD_LOG_AS(vdLogLevel::trace, __func__, message)
 #define VD_LOG_INFO(message) VD_LOG_AS(vdLogLevel::info, __func__, message)
 #define VD_LOG_WARN(message) VD_LOG_AS(vdLogLevel::warn, __func__, message)

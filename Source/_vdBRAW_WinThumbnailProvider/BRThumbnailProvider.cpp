@@ -9,63 +9,16 @@
 #include <shlwapi.h>
 
 #include "ClassFactory.h"
-#include "Registration.h"
+#include "Session.h"
 #include "Utils/vdGuard.h"
 #include "Utils/vdLogging.h"
 #include "Utils/vdPaths.h"
-#include "Utils/vdProduct.h"
-#include "Utils/vdSettings.h"
 #include "Utils/vdText.h"
 #include "brThumbnailGenerator.h"
 
-// The handler logging switch: off in what users get, on in a build that is to tell its whole road.
-#ifndef CLIPFORGE_HANDLER_LOGGING
-#define CLIPFORGE_HANDLER_LOGGING 0
-#endif
-
 namespace {
-constexpr bool handlerLogging = CLIPFORGE_HANDLER_LOGGING != 0;
 constexpr char createInstanceName[] = "CRecipeThumbProvider_CreateInstance";
 constexpr char initializeName[] = "Initialize";
-
-/// There is one decode manager, one options record and one log in the process, and the shell's apartments all
-/// share them. A lock without constructor and destructor works at any moment of the module's life.
-SRWLOCK g_processWideState = SRWLOCK_INIT;
-
-class ProcessWideLock {
-public:
-    ProcessWideLock() noexcept { AcquireSRWLockExclusive(&g_processWideState); }
-    ~ProcessWideLock() { ReleaseSRWLockExclusive(&g_processWideState); }
-    ProcessWideLock(const ProcessWideLock&) = delete;
-    ProcessWideLock& operator=(const ProcessWideLock&) = delete;
-};
-
-void startLogging() {
-    const ProcessWideLock lock;
-    loadOptions();
-    // A second start would move the running session's file aside.
-    const bool started = g_logThreshold != vdLogLevel::off;
-    if (!started && options().loggingLevel != vdLogLevel::off)
-        initLogging(vdLogLevel::info, "BRAW_Thumbnail.log", vdHostApp::desktop, productInfo().version);
-}
-
-void startSession() {
-    static const bool identityFilled = (setProductInfo(), true);
-    static_cast<void>(identityFilled);
-    if constexpr (handlerLogging)
-        startLogging();
-}
-
-HRESULT createProvider(REFIID riid, void** ppv) {
-    startSession();
-    auto* const provider = new (std::nothrow) CClipforgeThumbProvider;
-    if (provider == nullptr)
-        return E_OUTOFMEMORY;
-    const HRESULT hr = provider->QueryInterface(riid, ppv);
-    provider->Release();
-    VD_LOG_AS(vdLogLevel::info, createInstanceName, "  - Returning " << hr);
-    return hr;
-}
 
 const char* trueOrFalse(bool value) {
     return value ? "True" : "False";
@@ -115,6 +68,13 @@ HRESULT makeThumbnail(const std::string& path, UINT size, HBITMAP& bitmap, WTS_A
     return hr;
 }
 } // namespace
+
+HRESULT createProvider(REFIID riid, void** ppv) {
+    startSession();
+    const HRESULT hr = handOut(new (std::nothrow) CClipforgeThumbProvider, riid, ppv);
+    VD_LOG_AS(vdLogLevel::info, createInstanceName, "  - Returning " << hr);
+    return hr;
+}
 
 IFACEMETHODIMP CClipforgeThumbProvider::QueryInterface(REFIID riid, void** ppv) {
     if (ppv == nullptr)
@@ -168,51 +128,4 @@ IFACEMETHODIMP CClipforgeThumbProvider::GetThumbnail(UINT cx, HBITMAP* phbmp, WT
         hr = guardBoundary([&] { return makeThumbnail(m_filepath, cx, *phbmp, *pdwAlpha); });
     VD_LOG_INFO("End of getting Thumbnail - Returning " << hr);
     return hr;
-}
-
-// The module's entry points.
-
-namespace {
-struct ClassRow {
-    const CLSID* classId;
-    CreateFunction create;
-};
-constexpr ClassRow classes[] = {{&CLSID_ClipforgeThumbProvider, createProvider}};
-} // namespace
-
-extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID) {
-    if (reason == DLL_PROCESS_ATTACH) {
-        g_moduleHandle = module;
-        DisableThreadLibraryCalls(module);
-    }
-    return TRUE;
-}
-
-STDAPI DllCanUnloadNow() {
-    return g_moduleLockCount != 0 ? S_FALSE : S_OK;
-}
-
-STDAPI DllGetClassObject(REFCLSID rclsid, REFIID riid, LPVOID* ppv) {
-    if (ppv == nullptr)
-        return E_POINTER;
-    *ppv = nullptr;
-    for (const ClassRow& row : classes) {
-        if (*row.classId != rclsid)
-            continue;
-        auto* const factory = new (std::nothrow) CClassFactory(row.create);
-        if (factory == nullptr)
-            return E_OUTOFMEMORY;
-        const HRESULT hr = factory->QueryInterface(riid, ppv);
-        factory->Release();
-        return hr;
-    }
-    return CLASS_E_CLASSNOTAVAILABLE;
-}
-
-STDAPI DllRegisterServer() {
-    return guardBoundary([] { return registerServer(g_moduleHandle); });
-}
-
-STDAPI DllUnregisterServer() {
-    return guardBoundary([] { return unregisterServer(); });
 }

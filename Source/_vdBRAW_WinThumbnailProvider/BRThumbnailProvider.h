@@ -8,6 +8,12 @@
 
 #include "ModuleState.h"
 
+/// The class's ID, as the registry writes it.
+#define CLIPFORGE_CLSID_TEXT L"{5b8e2d41-93c7-4f0a-b6e5-2d17c9a4f380}"
+
+inline constexpr CLSID CLSID_ClipforgeThumbProvider = {
+    0x5b8e2d41, 0x93c7, 0x4f0a, {0xb6, 0xe5, 0x2d, 0x17, 0xc9, 0xa4, 0xf3, 0x80}};
+
 /// Keeps the clip's path between the shell's calls; each thumbnail is made from nothing and leaves nothing
 /// behind. One thread at a time uses an object; thumbnails of different objects wait for each other.
 class CClipforgeThumbProvider final : public IInitializeWithFile, public IThumbnailProvider {
@@ -35,3 +41,6 @@ private:
     std::string m_filepath; ///< UTF-8
     ModuleLock m_moduleLock;
 };
+
+/// The class factory's way to one: starts the session first. May throw std::bad_alloc.
+HRESULT createProvider(REFIID riid, void** ppv);

@@ -8,6 +8,17 @@
 /// Creates an object and hands out its interface `riid`; on failure nothing remains.
 using CreateFunction = HRESULT (*)(REFIID riid, void** ppv);
 
+/// Hands out the interface `riid` of a new object, of which the caller gives its one reference away: the
+/// object lives on only if it has that interface. Null is one that there was no memory for.
+template <class Object>
+HRESULT handOut(Object* object, REFIID riid, void** ppv) {
+    if (object == nullptr)
+        return E_OUTOFMEMORY;
+    const HRESULT hr = object->QueryInterface(riid, ppv);
+    object->Release();
+    return hr;
+}
+
 /// Counts its references; any thread may use it. Keeps the module loaded while it lives.
 class CClassFactory final : public IClassFactory {
 public:

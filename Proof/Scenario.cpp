@@ -218,6 +218,11 @@ private:
             guardBitmapsOf(m_library.module());
             m_settings.onLoad(m_library.module());
         }
+        if (m_library.module() == nullptr) { // a refusal to be loaded, which the shell takes for an answer
+            onEnd();
+            outcome.pictures.emplace_back();
+            return;
+        }
         outcome.pictures.push_back(
             takeThumbnail(m_clipPath, m_settings.size, &m_library, outcome.trouble, onEnd));
         if (m_library.call("DllCanUnloadNow") != S_OK)

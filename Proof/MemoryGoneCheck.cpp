@@ -1,0 +1,169 @@
+// Memory runs out for good: from one allocation of the handler's on, its loading included, none succeeds
+// until the shell has its answer. Not only what `new` takes: what the C++ runtime takes to begin with, to
+// lock and to throw, too. And no thread has a slot left for it.
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "EnvironmentVariable.h"
+#include "Proof.h"
+#include "Scenario.h"
+
+namespace {
+
+std::atomic<int64_t> g_allocations = 0, g_firstToFail = 0; ///< 0: none fails
+
+bool isGone() {
+    const int64_t first = g_firstToFail;
+    const bool gone = first > 0 && ++g_allocations >= first;
+    if (gone)
+        errno = ENOMEM;
+    return gone;
+}
+void* mallocUntilGone(size_t bytes) {
+    return isGone() ? nullptr : malloc(bytes);
+}
+void* callocUntilGone(size_t count, size_t bytes) {
+    return isGone() ? nullptr : calloc(count, bytes);
+}
+void* reallocUntilGone(void* block, size_t bytes) {
+    return isGone() ? nullptr : realloc(block, bytes);
+}
+
+/// Has libraries that are loaded from now on find other allocators in the C runtime: by its table of exports,
+/// since their own table of imports is not there before they have begun.
+class RuntimeExports {
+public:
+    RuntimeExports() : m_base(reinterpret_cast<char*>(GetModuleHandleW(L"msvcrt.dll"))) {
+        const auto& dos = *at<IMAGE_DOS_HEADER>(0);
+        const auto& optional = at<IMAGE_NT_HEADERS>(static_cast<DWORD>(dos.e_lfanew))->OptionalHeader;
+        m_exports =
+            at<IMAGE_EXPORT_DIRECTORY>(optional.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT].VirtualAddress);
+        // The table's entries are 32-bit distances from the library's own address.
+        for (char* place = m_base + optional.SizeOfImage; m_jumps == nullptr; place += 1 << 16)
+            m_jumps = static_cast<uint8_t*>(
+                VirtualAlloc(place, 4096, MEM_RESERVE | MEM_COMMIT, PAGE_EXECUTE_READWRITE));
+        replace("malloc", reinterpret_cast<void*>(&mallocUntilGone));
+        replace("calloc", reinterpret_cast<void*>(&callocUntilGone));
+        replace("realloc", reinterpret_cast<void*>(&reallocUntilGone));
+    }
+    RuntimeExports(const RuntimeExports&) = delete;
+    RuntimeExports& operator=(const RuntimeExports&) = delete;
+    void swap() {
+        for (Entry& entry : m_entries) {
+            DWORD protection = 0;
+            VirtualProtect(entry.slot, sizeof *entry.slot, PAGE_READWRITE, &protection);
+            std::swap(*entry.slot, entry.other);
+            VirtualProtect(entry.slot, sizeof *entry.slot, protection, &protection);
+        }
+    }
+
+private:
+    struct Entry {
+        DWORD* slot;
+        DWORD other;
+    };
+    template <class T>
+    T* at(DWORD distance) const {
+        return reinterpret_cast<T*>(m_base + distance);
+    }
+    void replace(const char* name, void* function) {
+        const auto* const names = at<DWORD>(m_exports->AddressOfNames);
+        const auto* const ordinals = at<WORD>(m_exports->AddressOfNameOrdinals);
+        for (DWORD i = 0; i < m_exports->NumberOfNames; ++i) {
+            if (std::strcmp(at<char>(names[i]), name) != 0)
+                continue;
+            uint8_t* const jump = m_jumps + 16 * m_entries.size();
+            const uint8_t code[] = {0x48, 0xB8, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xE0}; // mov rax, ...; jmp rax
+            std::memcpy(jump, code, sizeof code);
+            std::memcpy(jump + 2, &function, sizeof function);
+            m_entries.push_back({at<DWORD>(m_exports->AddressOfFunctions) + ordinals[i],
+                                 static_cast<DWORD>(reinterpret_cast<char*>(jump) - m_base)});
+        }
+    }
+
+    char* const m_base;
+    const IMAGE_EXPORT_DIRECTORY* m_exports = nullptr;
+    uint8_t* m_jumps = nullptr;
+    std::vector<Entry> m_entries;
+};
+
+/// All of the process's slots for what threads keep, of either kind.
+class ThreadSlots {
+public:
+    void take() {
+        for (DWORD slot = FlsAlloc(nullptr); slot != FLS_OUT_OF_INDEXES; slot = FlsAlloc(nullptr))
+            m_fiberSlots.push_back(slot);
+        for (DWORD slot = TlsAlloc(); slot != TLS_OUT_OF_INDEXES; slot = TlsAlloc())
+            m_slots.push_back(slot);
+    }
+    void giveBack() {
+        for (const DWORD slot : std::exchange(m_fiberSlots, {}))
+            FlsFree(slot);
+        for (const DWORD slot : std::exchange(m_slots, {}))
+            TlsFree(slot);
+    }
+
+private:
+    std::vector<DWORD> m_fiberSlots, m_slots;
+};
+
+constexpr int64_t endless = 100'000;
+
+/// Each number in a run of its own, until one is so large that nothing fails.
+void tryRoad(const char* folder, bool withSlots, int64_t step, ProofTally& tally) {
+    RuntimeExports exports;
+    ThreadSlots slots;
+    bool isSwapped = false;
+    const auto swapIf = [&](bool is) {
+        if (std::exchange(isSwapped, is) != is)
+            exports.swap();
+    };
+    const auto scenario =
+        makeThumbnailScenario({.handler = builtFile(folder), .unloadEachRun = true, .onLoad = [&](HMODULE) {
+                                   swapIf(false);
+                               }}); // the decoder keeps its own
+    tally.attempt(std::string(folder) + ", with memory", [&] { return scenario->troubleInGoodRun(); });
+    bool reached = true;
+    for (int64_t number = 1; reached && number < endless; number += step)
+        tally.attempt(std::string(folder) + (withSlots ? "" : ", without thread slots") +
+                          ", no memory from allocation " + std::to_string(number) + " on",
+                      [&] {
+                          scenario->onStart = [&] {
+                              if (!withSlots)
+                                  slots.take();
+                              swapIf(true);
+                              g_allocations = 0;
+                              g_firstToFail = number;
+                          };
+                          scenario->onEnd = [&] {
+                              g_firstToFail = 0;
+                              swapIf(false);
+                              slots.giveBack();
+                          };
+                          const ScenarioOutcome outcome = scenario->run();
+                          scenario->onStart = scenario->onEnd = [] {};
+                          reached = g_allocations >= number;
+                          return scenario->orTroubleInNextRun(scenario->troubleAfter(
+                              outcome, reached ? Expected::rightIfAny : Expected::picture));
+                      });
+}
+
+void run(ProofForm form, ProofTally& tally) {
+    const TemporaryFolder home;
+    const EnvironmentVariable profile(L"USERPROFILE", home.path().c_str());
+    const std::string settings = home.text("AppData\\Roaming\\Verdane\\Clipforge");
+    std::filesystem::create_directories(settings);
+    writeFileBytes(settings + "\\Clipforge_options.ini", "[General]\nlogging = INFO\n");
+    for (const bool withSlots : {true, false}) {
+        tryRoad("bin", withSlots, 1, tally);
+        tryRoad("logging", withSlots, form == ProofForm::full ? 7 : 101, tally);
+    }
+}
+
+PROOF_CHECK("memory gone", "from each allocation on all fail, with and without thread slots", run);
+
+} // namespace

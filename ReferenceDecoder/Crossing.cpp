@@ -1,5 +1,7 @@
 #include "Crossing.h"
 
+#include "Misbehaviour.h"
+
 namespace reference {
 
 namespace {
@@ -63,15 +65,16 @@ CallTimer::~CallTimer() {
     level().set(m_outerLevel);
 }
 
-Crossing::Crossing(uint32_t call, Direction direction) : m_timer(direction) {
+Crossing::Crossing(uint32_t call, Direction direction, bool isRecorded) : m_timer(direction) {
     ReferenceDecoderControl& control = referenceDecoderControl();
     m_occurrence = ++control.callNames[call].occurrences;
-    const uint32_t index = control.recordedCount++;
-    if (index < ReferenceDecoderControl::maximumRecording)
-        control.recording[index] = {call, m_occurrence};
+    if (isRecorded)
+        if (const uint32_t index = control.recordedCount++; index < ReferenceDecoderControl::maximumRecording)
+            control.recording[index] = {call, m_occurrence};
     findFault(call);
     if (shows(ReferenceDecoderFaultKind::delay))
         Sleep(static_cast<DWORD>(m_value));
+    misbehave(m_fault, m_value);
 }
 
 void Crossing::findFault(uint32_t call) {

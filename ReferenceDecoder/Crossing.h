@@ -38,10 +38,20 @@ constexpr CallName<first + second - 1> operator+(const CallName<first>& a, const
     return joined;
 }
 
-/// QueryInterface succeeds with S_OK alone, as COM has it.
+/// Whether the contract leaves it to a call, or to a callback's result, which success code it tells.
 template <CallName name>
-constexpr bool succeedsWithOther() {
-    return !std::string_view(name.text).ends_with("::QueryInterface");
+constexpr bool mayTellOtherSuccess() {
+    constexpr std::string_view call(name.text);
+    for (const std::string_view strict :
+         {"QueryInterface", "Factory::CreateCodec", "Factory::CreatePipelineIterator",
+          "Factory::CreatePipelineDeviceIterator", "PipelineIterator::Next", "PipelineIterator::GetPipeline",
+          "DeviceIterator::CreateDevice", "Configuration::SetFromDevice",
+          "ConfigurationEx::GetResourceManager", "IBlackmagicRaw::SetCallback", "Callback::ReadComplete",
+          "Frame::SetResourceFormat", "Attributes::SetClipAttribute", "Attributes::SetFrameAttribute",
+          "AttributeRange", "AttributeList", "GetISOList"})
+        if (call.ends_with(strict))
+            return false;
+    return true;
 }
 
 template <CallName name>
@@ -70,7 +80,7 @@ private:
 /// One crossing, for as long as it lasts.
 class Crossing {
 public:
-    Crossing(uint32_t call, Direction direction);
+    Crossing(uint32_t call, Direction direction, bool isRecorded = true);
     Crossing(const Crossing&) = delete;
     Crossing& operator=(const Crossing&) = delete;
 
@@ -146,7 +156,7 @@ HRESULT crossInto(Work&& work, Output*... outputs) noexcept {
     const HRESULT result = guarded(work);
     if (SUCCEEDED(result))
         (crossing.bend(*outputs), ...);
-    return result == S_OK && succeedsWithOther<name>() ? crossing.success() : result;
+    return result == S_OK && mayTellOtherSuccess<name>() ? crossing.success() : result;
 }
 
 /// A callback about `object` (may be null), with the result and the object that it shall be given.
@@ -157,7 +167,7 @@ void crossOut(HRESULT result, Object* object, Call&& call) noexcept {
         return;
     if (crossing.shows(ReferenceDecoderFaultKind::fail))
         result = crossing.faultResult();
-    if (result == S_OK)
+    if (result == S_OK && mayTellOtherSuccess<name>())
         result = crossing.success();
     if (crossing.shows(ReferenceDecoderFaultKind::succeedEmpty))
         object = nullptr;

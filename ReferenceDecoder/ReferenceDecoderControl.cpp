@@ -13,10 +13,8 @@ namespace {
 class ControlView {
 public:
     ControlView() {
-        wchar_t name[64];
-        std::swprintf(name, std::size(name), L"Local\\ReferenceDecoder.%lu", GetCurrentProcessId());
         m_mapping = CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
-                                       sizeof(ReferenceDecoderControl), name);
+                                       sizeof(ReferenceDecoderControl), referenceDecoderBlockName().c_str());
         const bool isNew = GetLastError() != ERROR_ALREADY_EXISTS;
         if (m_mapping)
             m_view = MapViewOfFile(m_mapping, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(ReferenceDecoderControl));
@@ -44,6 +42,26 @@ private:
 
 } // namespace
 
+std::wstring referenceDecoderBlockName() {
+    wchar_t name[128] = {};
+    const DWORD length = GetEnvironmentVariableW(referenceDecoderBlockVariable, name, std::size(name));
+    return length > 0 && length < std::size(name)
+               ? name
+               : L"Local\\ReferenceDecoder." + std::to_wstring(GetCurrentProcessId());
+}
+
+void armReferenceDecoder(ReferenceDecoderControl& control, const char* name, uint32_t occurrence,
+                         ReferenceDecoderFaultKind kind, int64_t value) {
+    for (auto& slot : control.faults)
+        if (slot.kind == ReferenceDecoderFaultKind::none) {
+            slot.name = referenceDecoderCallName(control, name);
+            slot.occurrence = occurrence;
+            slot.value = value;
+            slot.kind = kind; // last: this arms it
+            return;
+        }
+}
+
 ReferenceDecoderControl& referenceDecoderControl() {
     static ControlView s_view;
     static ReferenceDecoderControl& s_control = s_view.control();
@@ -51,8 +69,10 @@ ReferenceDecoderControl& referenceDecoderControl() {
 }
 
 uint32_t referenceDecoderCallName(ReferenceDecoderControl& control, const char* name) {
-    while (control.namesLock.exchange(1, std::memory_order_acquire))
-        Sleep(0);
+    // Who holds it does so for microseconds, or was ended while it did.
+    for (int patience = 1000; patience > 0 && control.namesLock.exchange(1, std::memory_order_acquire);
+         --patience)
+        Sleep(patience < 100 ? 1 : 0);
     const uint32_t count = control.callNameCount;
     uint32_t index = 0;
     while (index < count && std::strcmp(control.callNames[index].text, name) != 0)

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 
 /// How the decoder behaves where the contract leaves the choice to it. None is as friendly as can be.
 enum class ReferenceDecoderManners : uint32_t {
@@ -43,6 +44,15 @@ enum class ReferenceDecoderFaultKind : uint32_t {
     value,        ///< number outputs are `value`
     drop,         ///< a callback never comes
     delay,        ///< the call or callback first sleeps `value` milliseconds
+    // What ends or stops the process, on whatever thread the call or callback comes.
+    nullWrite,
+    stackOverflow,
+    abort,
+    failFast,
+    terminate,         ///< by TerminateProcess, with `value` as exit code
+    exceptionOnThread, ///< on a thread of its own
+    hang,              ///< for ever
+    eatMemory,         ///< takes `value` MiB for good, or what the system gives, then works as usual
 };
 
 struct ReferenceDecoderControl {
@@ -141,10 +151,23 @@ static_assert(std::atomic<int64_t>::is_always_lock_free && std::atomic<uint32_t>
 /// Whether the decoder shall have any of these manners.
 bool referenceDecoderHas(ReferenceDecoderManners manners);
 
-/// Sets the block's settings to what the environment variable REFERENCE_DECODER asks for: words with commas
-/// between, each the name of a manner, `jobDelay=MILLISECONDS` or `readDelay=MILLISECONDS`. A word that is
-/// none of these ends the process with a line on its standard error: what was to be tried would not be.
+/// The environment variable that names the block to use instead of the process's own: processes that were
+/// started with it share one.
+inline constexpr wchar_t referenceDecoderBlockVariable[] = L"REFERENCE_DECODER_BLOCK";
+
+/// Arms a fault; `occurrence` 0 is every one. More than maximumFaults at a time are ignored.
+void armReferenceDecoder(ReferenceDecoderControl& control, const char* name, uint32_t occurrence,
+                         ReferenceDecoderFaultKind kind, int64_t value);
+
+/// Adds to the block what the environment variable REFERENCE_DECODER asks for: words with commas between,
+/// each the name of a manner, `jobDelay=MILLISECONDS`, `readDelay=MILLISECONDS` or a fault as
+/// `KIND@CALL#OCCURRENCE=VALUE`, where `#OCCURRENCE` (every one without it) and `=VALUE` (0 without it, may
+/// be hexadecimal) may be left out. A word that is none of these ends the process with a line on its standard
+/// error: what was to be tried would not be.
 void applyReferenceDecoderEnvironment(ReferenceDecoderControl& control);
+
+/// The block's name: that of the environment or, without one, this process's own.
+std::wstring referenceDecoderBlockName();
 
 /// This process's block. The module that asks keeps a view of it until it is unloaded; whoever makes it
 /// applies the environment to it.

@@ -1,5 +1,6 @@
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <string_view>
 
@@ -26,6 +27,23 @@ constexpr MannerName kManners[] = {
 };
 #undef MANNER
 
+struct KindName {
+    std::string_view name;
+    ReferenceDecoderFaultKind kind;
+};
+
+#define KIND(name)                                                                                           \
+    KindName {                                                                                               \
+#name, ReferenceDecoderFaultKind::name                                                               \
+    }
+constexpr KindName kKinds[] = {
+    KIND(fail),      KIND(succeedEmpty), KIND(oneLess),   KIND(allOnes),           KIND(zero),
+    KIND(value),     KIND(drop),         KIND(delay),     KIND(nullWrite),         KIND(stackOverflow),
+    KIND(abort),     KIND(failFast),     KIND(terminate), KIND(exceptionOnThread), KIND(hang),
+    KIND(eatMemory),
+};
+#undef KIND
+
 struct Delay {
     std::string_view name;
     std::atomic<uint32_t> ReferenceDecoderControl::*milliseconds;
@@ -34,6 +52,35 @@ constexpr Delay kDelays[] = {
     {"jobDelay=", &ReferenceDecoderControl::jobDelayMilliseconds},
     {"readDelay=", &ReferenceDecoderControl::readDelayMilliseconds},
 };
+
+/// Cuts what follows the last `mark` off a word; empty where there is none.
+std::string cutOff(std::string_view& word, char mark) {
+    const size_t place = word.rfind(mark);
+    if (place == std::string_view::npos)
+        return {};
+    const std::string tail(word.substr(place + 1));
+    word = word.substr(0, place);
+    return tail;
+}
+
+bool isNumber(const std::string& text, int64_t& number) {
+    char* end = nullptr;
+    number = std::strtoll(text.c_str(), &end, 0);
+    return *end == '\0';
+}
+
+/// KIND@CALL#OCCURRENCE=VALUE
+bool armFault(std::string_view word, ReferenceDecoderControl& control) {
+    int64_t value = 0, occurrence = 0;
+    const bool areNumbers = isNumber(cutOff(word, '='), value) && isNumber(cutOff(word, '#'), occurrence);
+    const std::string call = cutOff(word, '@');
+    for (const KindName& kind : kKinds)
+        if (areNumbers && !call.empty() && word == kind.name) {
+            armReferenceDecoder(control, call.c_str(), static_cast<uint32_t>(occurrence), kind.kind, value);
+            return true;
+        }
+    return false;
+}
 
 bool apply(std::string_view word, ReferenceDecoderControl& control) {
     for (const MannerName& manner : kManners)
@@ -50,7 +97,7 @@ bool apply(std::string_view word, ReferenceDecoderControl& control) {
             control.*delay.milliseconds = milliseconds;
             return parsed.ec == std::errc() && parsed.ptr == end;
         }
-    return word.empty();
+    return word.empty() || armFault(word, control);
 }
 
 } // namespace

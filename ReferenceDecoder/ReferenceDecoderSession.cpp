@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include <windows.h>
+
 namespace {
 
 using Account = ReferenceDecoderControl::Account;
@@ -85,6 +87,16 @@ void ReferenceDecoderSession::reset() {
     applyReferenceDecoderEnvironment(m_control);
 }
 
+void ReferenceDecoderSession::shareWithChildProcesses() const {
+    SetEnvironmentVariableW(referenceDecoderBlockVariable, referenceDecoderBlockName().c_str());
+}
+
+void ReferenceDecoderSession::writeOffLosses() {
+    for (const Counter& counter : kCounters)
+        if (counter.isLive)
+            m_control.account.*counter.shared = 0;
+}
+
 ReferenceDecoderAccount ReferenceDecoderSession::account() const {
     ReferenceDecoderAccount copy{};
     for (const Counter& counter : kCounters)
@@ -93,14 +105,7 @@ ReferenceDecoderAccount ReferenceDecoderSession::account() const {
 }
 
 void ReferenceDecoderSession::arm(const ReferenceDecoderFault& fault) {
-    for (auto& slot : m_control.faults)
-        if (slot.kind == ReferenceDecoderFaultKind::none) {
-            slot.name = referenceDecoderCallName(m_control, fault.name.c_str());
-            slot.occurrence = fault.occurrence;
-            slot.value = fault.value;
-            slot.kind = fault.kind; // last: this arms it
-            return;
-        }
+    armReferenceDecoder(m_control, fault.name.c_str(), fault.occurrence, fault.kind, fault.value);
 }
 
 void ReferenceDecoderSession::disarm() {

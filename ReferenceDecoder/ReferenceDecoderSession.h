@@ -63,6 +63,13 @@ public:
 
     ReferenceDecoderAccount account() const;
 
+    /// From now on, processes that this one starts use this one's block: what is armed and set here holds for
+    /// the library in them, at once, and their calls are counted and recorded here. An unloading in one of
+    /// them counts as unbalanced while another works.
+    void shareWithChildProcesses() const;
+    /// Sets the live counts to 0: for what a process still had when it was ended.
+    void writeOffLosses();
+
     void arm(const ReferenceDecoderFault& fault); ///< up to four at a time; more are ignored
     void disarm();
 

@@ -1,4 +1,4 @@
-// Runs a test that needs a process of its own, because of what it loads or changes for good.
+// Runs a test that needs a process of its own, because of what it loads, changes for good or dies of.
 #pragma once
 
 #include <string>
@@ -6,8 +6,9 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-/// Runs the disabled test "Suite.DISABLED_Name" of this program in another process and expects it to pass.
-inline void runInFreshProcess(const std::string& test) {
+/// Runs the disabled test "Suite.DISABLED_Name" of this program in another process and gives the exit code:
+/// 0 when it passed, STILL_ACTIVE when it ran on and was ended.
+inline DWORD exitCodeOfFreshProcess(const std::string& test, DWORD milliseconds = INFINITE) {
     wchar_t program[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, program, MAX_PATH);
     std::wstring line = L"\"" + std::wstring(program) +
@@ -16,12 +17,23 @@ inline void runInFreshProcess(const std::string& test) {
     STARTUPINFOW startup = {};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process = {};
-    ASSERT_TRUE(CreateProcessW(program, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
-                               &process));
-    WaitForSingleObject(process.hProcess, INFINITE);
+    if (!CreateProcessW(program, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+                        &process)) {
+        ADD_FAILURE() << "no process for " << test;
+        return 1;
+    }
+    if (WaitForSingleObject(process.hProcess, milliseconds) != WAIT_OBJECT_0) {
+        TerminateProcess(process.hProcess, STILL_ACTIVE);
+        WaitForSingleObject(process.hProcess, INFINITE);
+    }
     DWORD exitCode = 1;
     GetExitCodeProcess(process.hProcess, &exitCode);
     CloseHandle(process.hThread);
     CloseHandle(process.hProcess);
-    EXPECT_EQ(exitCode, 0u) << test;
+    return exitCode;
+}
+
+/// The same for a test that shall pass.
+inline void runInFreshProcess(const std::string& test) {
+    EXPECT_EQ(exitCodeOfFreshProcess(test), 0u) << test;
 }

@@ -83,18 +83,22 @@ void Clip::finish() noexcept {
     m_queue.reset();
 }
 
-Clip::Size Clip::sizeAt(const Scale& scale) const {
+Clip::Size Clip::sizeAt(const Scale& scale, ReferenceDecoderManners asStored) const {
     const PictureHeader& picture = m_stream->picture();
     Size size{reducedSide(picture.width, scale.factor), reducedSide(picture.height, scale.factor)};
-    if (m_turning.swapsSides() && !referenceDecoderHas(ReferenceDecoderManners::reportsBeforeTurning))
+    if (m_turning.swapsSides() && !referenceDecoderHas(asStored))
         std::swap(size.width, size.height);
     return size;
+}
+
+Clip::Size Clip::fullSize() const {
+    return sizeAt(kScales[0], ReferenceDecoderManners::sizeBeforeTurning);
 }
 
 HRESULT Clip::GetWidth(uint32_t* width) {
     return cross<"IBlackmagicRawClip::GetWidth">(
         [&] {
-            *width = sizeAt(kScales[0]).width;
+            *width = fullSize().width;
             return S_OK;
         },
         width);
@@ -103,7 +107,7 @@ HRESULT Clip::GetWidth(uint32_t* width) {
 HRESULT Clip::GetHeight(uint32_t* height) {
     return cross<"IBlackmagicRawClip::GetHeight">(
         [&] {
-            *height = sizeAt(kScales[0]).height;
+            *height = fullSize().height;
             return S_OK;
         },
         height);

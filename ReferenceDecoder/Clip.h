@@ -46,7 +46,10 @@ private:
     struct Size {
         uint32_t width, height;
     };
-    Size sizeAt(const Scale& scale) const;
+    /// The picture's size at a scale, before it is turned where the decoder has these manners.
+    Size sizeAt(const Scale& scale,
+                ReferenceDecoderManners asStored = ReferenceDecoderManners::resolutionsBeforeTurning) const;
+    Size fullSize() const;
 
     std::shared_ptr<JobQueue> m_queue;
     std::shared_ptr<PnmStream> m_stream;

@@ -23,7 +23,8 @@ enum class ReferenceDecoderManners : uint32_t {
     shuffledResolutions = 1 << 8,       ///< in no order, one of them twice
     otherSuccessCodes = 1 << 9,         ///< calls and completions succeed with S_FALSE and other codes
     buffersNeedMore = 1 << 10,          ///< sizes are larger than the picture, and the rest is written to
-    reportsBeforeTurning = 1 << 11,     ///< a clip's sizes are those of the picture as it is stored
+    sizeBeforeTurning = 1 << 11,        ///< a clip's own size is that of the picture as it is stored
+    resolutionsBeforeTurning = 1 << 12, ///< and so are its resolutions
 };
 
 constexpr ReferenceDecoderManners operator|(ReferenceDecoderManners a, ReferenceDecoderManners b) {

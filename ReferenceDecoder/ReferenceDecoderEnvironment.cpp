@@ -23,7 +23,8 @@ constexpr MannerName kManners[] = {
     MANNER(resourceManagerHoldsCodec), MANNER(callbackIsNotCounted), MANNER(lastReleaseDoesNotWait),
     MANNER(threadsDoNotHoldLibrary),   MANNER(submitCompletesFirst), MANNER(changingThreads),
     MANNER(lateCompletions),           MANNER(ascendingResolutions), MANNER(shuffledResolutions),
-    MANNER(otherSuccessCodes),         MANNER(buffersNeedMore),      MANNER(reportsBeforeTurning),
+    MANNER(otherSuccessCodes),         MANNER(buffersNeedMore),      MANNER(sizeBeforeTurning),
+    MANNER(resolutionsBeforeTurning),
 };
 #undef MANNER
 

@@ -85,12 +85,16 @@ int32_t toPixel(double position) {
     return static_cast<int32_t>(std::clamp(position, lowest, highest));
 }
 
-/// The smallest of the clip's resolutions that shrinks by no more than asked in either direction, or null.
+/// The smallest of the clip's resolutions that shrinks by no more than asked in either direction, or null. A
+/// decoder may list them in any order.
 const brResolution* smallestSufficient(const vdBRAW_Clip& clip, float sx, float sy) {
+    const auto area = [](const brResolution& entry) { return uint64_t{entry.width} * entry.height; };
+    const brResolution* smallest = nullptr;
     for (auto entry = clip.m_resolutions.rbegin(); entry != clip.m_resolutions.rend(); ++entry)
-        if (ratio(clip.m_width, entry->width) <= sx && ratio(clip.m_height, entry->height) <= sy)
-            return &*entry;
-    return nullptr;
+        if (ratio(clip.m_width, entry->width) <= sx && ratio(clip.m_height, entry->height) <= sy &&
+            (!smallest || area(*entry) < area(*smallest)))
+            smallest = &*entry;
+    return smallest;
 }
 
 std::string scaleName(BlackmagicRawResolutionScale scale) {

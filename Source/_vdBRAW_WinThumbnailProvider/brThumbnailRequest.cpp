@@ -30,8 +30,9 @@ HBITMAP createDIB(uint32_t width, uint32_t height, void*& pixels) {
 } // namespace
 
 vdBRAW_Request_Thumbnail::~vdBRAW_Request_Thumbnail() {
-    if (m_hBitmap != nullptr)
-        DeleteObject(m_hBitmap);
+    for (const HBITMAP bitmap : {m_hBitmap, m_unturnedBitmap})
+        if (bitmap != nullptr)
+            DeleteObject(bitmap);
 }
 
 vdStatus vdBRAW_Request_Thumbnail::initThumbnail(const vdBRAW_Clip& clip, const brDimensions& dimensions) {
@@ -75,6 +76,9 @@ vdStatus vdBRAW_Request_Thumbnail::LaunchHeavyProcessing() {
 
     if (m_isOver)
         return placeInBitmap();
+    if (m_processedWidth == m_height && m_processedHeight == m_width && m_width != m_height)
+        if (const vdStatus turned = turnBitmap(); turned.failed)
+            return turned;
     // Rows of another length than the bitmap's would shear the picture.
     if (m_processedWidth != m_width || m_processedHeight != m_height)
         return vdFailure("The processed image has not the size of the HBitmap");
@@ -83,6 +87,22 @@ vdStatus vdBRAW_Request_Thumbnail::LaunchHeavyProcessing() {
         return fetchImage(host, uint64_t{m_height} * m_width * bytesPerPixel);
     }
     return m_bufferManager->m_ownsProcessedBuffer ? copyFromProcessedBuffer() : vdStatus();
+}
+
+/// The image of a clip that was turned after its sizes were told: its sides are the bitmap's, swapped. A
+/// bitmap of the image's sides takes the place, of just as many bytes.
+vdStatus vdBRAW_Request_Thumbnail::turnBitmap() {
+    void* pixels = nullptr;
+    const HBITMAP turned = createDIB(m_processedWidth, m_processedHeight, pixels);
+    if (turned == nullptr)
+        return vdFailure("Error Allocating HBitmap (CreateDIBSection) !");
+    m_unturnedBitmap = std::exchange(m_hBitmap, turned);
+    std::swap(m_width, m_height);
+    m_rowBytes = static_cast<int32_t>(m_width * bytesPerPixel);
+    const void* const unturned = std::exchange(m_bufferManager->m_finalImageBuffer, pixels);
+    if (!m_bufferManager->m_isGPU && !m_bufferManager->m_ownsProcessedBuffer) // written there by the decoder
+        std::memcpy(pixels, unturned, size_t{m_width} * m_height * bytesPerPixel);
+    return {};
 }
 
 /// The processed image on the host, as getProcessedBufferOnHost gives it.

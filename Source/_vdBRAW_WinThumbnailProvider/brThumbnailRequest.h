@@ -37,7 +37,10 @@ public:
 
 private:
     void* createBitmap();
+    vdStatus turnBitmap();
     vdStatus fetchImage(void*& host, uint64_t hostBytes) const;
     vdStatus copyFromProcessedBuffer();
     vdStatus placeInBitmap();
+
+    HBITMAP m_unturnedBitmap = nullptr; ///< what m_hBitmap replaced: the decoder may still know its pixels
 };

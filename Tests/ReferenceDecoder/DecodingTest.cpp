@@ -59,7 +59,7 @@ TEST_F(DecodingTest, StoredInAnyOrientationComesOutUpright) {
         for (const bool flipped : {false, true})
             for (const bool before : {false, true}) {
                 SCOPED_TRACE(orientation);
-                m_session.setManners(before ? Manners::reportsBeforeTurning : Manners::none);
+                m_session.setManners(before ? Manners::sizeBeforeTurning : Manners::none);
                 const TestClip clip{.width = 61, .height = 37, .orientation = orientation};
                 Decoder decoder;
                 ComPtr<IBlackmagicRawClip> opened;
@@ -77,8 +77,8 @@ TEST_F(DecodingTest, StoredInAnyOrientationComesOutUpright) {
 // Faults: manners that change the picture, break the account or end a caller who keeps the contract.
 TEST_F(DecodingTest, MannersChangeNothingForWhoKeepsTheContract) {
     const TestClip clip{61, 37};
-    for (uint32_t bit = 0; bit <= 12; ++bit) {
-        const auto manners = static_cast<Manners>(bit < 12 ? 1u << bit : 0xFFFu);
+    for (uint32_t bit = 0; bit <= 13; ++bit) {
+        const auto manners = static_cast<Manners>(bit < 13 ? 1u << bit : 0x1FFFu);
         SCOPED_TRACE(static_cast<uint32_t>(manners));
         m_session.setManners(manners);
         Decoder decoder;

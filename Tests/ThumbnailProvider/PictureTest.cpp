@@ -2,7 +2,26 @@
 #include "HandlerFixture.h"
 
 namespace {
-class Picture : public HandlerTest {};
+using Manners = ReferenceDecoderManners;
+
+class Picture : public HandlerTest {
+protected:
+    /// Every pixel of an upright picture at 1/factor.
+    static void expectPicture(const Answer& answer, const TestClip& clip, uint32_t factor) {
+        uint32_t width = expectedSide(clip.width, factor), height = expectedSide(clip.height, factor);
+        if (clip.swapsSides())
+            std::swap(width, height);
+        ASSERT_EQ(width, static_cast<uint32_t>(answer.size.cx));
+        ASSERT_EQ(height, static_cast<uint32_t>(answer.size.cy));
+        for (uint32_t y = 0; y < height; ++y)
+            for (uint32_t x = 0; x < width; ++x) {
+                const auto expected = expectedPixel(clip, factor, x, y);
+                ASSERT_TRUE(std::equal(expected.begin(), expected.end(),
+                                       answer.pixel(static_cast<int>(x), static_cast<int>(y))))
+                    << "1/" << factor << ": " << x << ", " << y;
+            }
+    }
+};
 
 TEST_F(Picture, SizeFollowsTheDecodersResolutions) {
     constexpr struct {
@@ -16,29 +35,42 @@ TEST_F(Picture, SizeFollowsTheDecodersResolutions) {
                  {64, 64, 64, {64, 64}},
                  {64, 64, 65, {65, 65}},
                  {1, 1, 1, {1, 1}}};
-    for (const auto& [width, height, asked, size] : cases) {
-        SCOPED_TRACE(testing::Message() << width << " x " << height << " for " << asked);
-        const Answer answer = ask(writeClip({width, height}), asked);
-        EXPECT_EQ(std::pair(size.cx, size.cy), std::pair(answer.size.cx, answer.size.cy));
-    }
+    for (const Manners order : {Manners::none, Manners::ascendingResolutions, Manners::shuffledResolutions})
+        for (const auto& [width, height, asked, size] : cases) {
+            SCOPED_TRACE(testing::Message() << width << " x " << height << " for " << asked);
+            m_decoder.setManners(order);
+            const Answer answer = ask(writeClip({width, height}), asked);
+            EXPECT_EQ(std::pair(size.cx, size.cy), std::pair(answer.size.cx, answer.size.cy));
+        }
 }
 
 TEST_F(Picture, EveryPixelIsTheSources) {
     const TestClip clip{61, 47}; // no side is a multiple of anything
     const std::wstring path = writeClip(clip);
-    for (const uint32_t factor : {1u, 2u, 4u, 8u}) {
-        const Answer answer = ask(path, expectedSide(47, factor));
-        const uint32_t width = expectedSide(61, factor), height = expectedSide(47, factor);
-        ASSERT_EQ(width, static_cast<uint32_t>(answer.size.cx));
-        ASSERT_EQ(height, static_cast<uint32_t>(answer.size.cy));
-        for (uint32_t y = 0; y < height; ++y)
-            for (uint32_t x = 0; x < width; ++x) {
-                const auto expected = expectedPixel(clip, factor, x, y);
-                ASSERT_TRUE(std::equal(expected.begin(), expected.end(),
-                                       answer.pixel(static_cast<int>(x), static_cast<int>(y))))
-                    << "1/" << factor << ": " << x << ", " << y;
+    for (const uint32_t factor : {1u, 2u, 4u, 8u})
+        expectPicture(ask(path, expectedSide(47, factor)), clip, factor);
+}
+
+// A clip may be stored turned, and a decoder tell its sizes before or after it turns them.
+TEST_F(Picture, ATurnedClipIsUprightWholeAndUnsheared) {
+    for (uint32_t orientation = 1; orientation <= 8; ++orientation)
+        for (const Manners told :
+             {Manners::none, Manners::sizeBeforeTurning, Manners::resolutionsBeforeTurning,
+              Manners::sizeBeforeTurning | Manners::resolutionsBeforeTurning})
+            for (const Manners buffers : {Manners::none, Manners::buffersNeedMore}) {
+                SCOPED_TRACE(testing::Message() << "orientation " << orientation << ", manners "
+                                                << static_cast<uint32_t>(told | buffers));
+                m_decoder.setManners(told | buffers);
+                const TestClip clip{.width = 61, .height = 47, .orientation = orientation};
+                const std::wstring path = writeClip(clip);
+                for (const uint32_t factor : {1u, 4u})
+                    expectPicture(ask(path, expectedSide(47, factor)), clip, factor);
+                const Answer over = ask(path, 122); // twice the longer side: 94 of 122 columns, or rows
+                ASSERT_EQ(122, over.size.cx);
+                ASSERT_EQ(122, over.size.cy);
+                EXPECT_EQ(clip.swapsSides(), over.pixel(0, 61)[3] == 0);
+                EXPECT_EQ(!clip.swapsSides(), over.pixel(61, 0)[3] == 0);
             }
-    }
 }
 
 TEST_F(Picture, LargerThanTheClipTheFrameIsWholeAndCentred) {

@@ -81,7 +81,7 @@ TEST_F(Delivery, SaysWhatCannotBeDelivered) {
     void* const resource = std::exchange(buffers().m_processedBuffer.resource, nullptr);
     expectError("m_processedBuffer is nullptr");
     buffers().m_processedBuffer.resource = resource;
-    std::swap(request.m_processedWidth, request.m_processedHeight);
+    request.m_processedWidth = height;
     expectError("The processed image has not the size of the HBitmap");
     request.m_isOver = true;
     request.m_processedWidth = request.m_processedHeight = 65536; // 0 bytes in 32 bits

@@ -10,6 +10,7 @@
 
 #include "ClassFactory.h"
 #include "Session.h"
+#include "Utils/vdCloudFile.h"
 #include "Utils/vdGuard.h"
 #include "Utils/vdLogging.h"
 #include "Utils/vdPaths.h"
@@ -58,6 +59,8 @@ struct CoreRelease {
 };
 
 HRESULT makeThumbnail(const std::string& path, UINT size, HBITMAP& bitmap, WTS_ALPHATYPE& alpha) {
+    if (isSparedCloudFile(utf8ToUtf16(path).c_str()))
+        return E_FAIL;
     const ProcessWideLock lock;
     const CoreRelease release;
     HRESULT hr = initBMIfNeeded();

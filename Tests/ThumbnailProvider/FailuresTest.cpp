@@ -1,6 +1,8 @@
 // What a person's disk, a strange shell and a failing decoder can hand over: each gives its result and leaves
 // nothing behind.
 #include "HandlerFixture.h"
+#include "Imports.h"
+#include "StandInRegistry.h"
 
 namespace {
 using Kind = ReferenceDecoderFaultKind;
@@ -53,6 +55,41 @@ TEST_F(Failures, PathsThatLeadToNoClip) {
     ASSERT_EQ(16, none.size.cy);
     EXPECT_EQ(std::vector<uint8_t>(32 * 16 * 4),
               std::vector(none.pixel(0, 15), none.pixel(0, 15) + 32 * 16 * 4));
+}
+
+DWORD g_addedAttributes = 0;
+
+HANDLE WINAPI findWithAddedAttributes(const wchar_t* path, FINDEX_INFO_LEVELS level, void* entry,
+                                      FINDEX_SEARCH_OPS operation, void* filter, DWORD flags) {
+    const HANDLE search = FindFirstFileExW(path, level, entry, operation, filter, flags);
+    if (search != INVALID_HANDLE_VALUE)
+        static_cast<WIN32_FIND_DATAW*>(entry)->dwFileAttributes |= g_addedAttributes;
+    return search;
+}
+
+// Wine keeps none of these attributes, so the folder's answer is changed on its way to the handler.
+TEST_F(Failures, ClipsInACloudAreNotFetchedUnlessAPolicyWantsIt) {
+    const StandInRegistry registry;
+    const std::wstring path = writeClip();
+    const HMODULE handler = GetModuleHandleW(L"Clipforge_Thumbnails.dll");
+    void** const slot = importSlot(handler, "FindFirstFileExW");
+    ASSERT_NE(nullptr, slot);
+    void* const former = setImport(slot, reinterpret_cast<void*>(&findWithAddedAttributes));
+    constexpr DWORD offline = 0x1000, recallOnOpen = 0x40000, recallOnDataAccess = 0x400000;
+    for (const DWORD attribute : {offline, recallOnOpen, recallOnDataAccess}) {
+        SCOPED_TRACE(attribute);
+        g_addedAttributes = attribute;
+        StandInRegistry::setNumber(HKEY_CURRENT_USER, L"Software\\Verdane\\Clipforge", L"CloudThumbnails", 0);
+        m_decoder.reset();
+        expectFailed(path, 16, E_FAIL, false);
+        EXPECT_EQ(0, m_decoder.account().loads);
+        StandInRegistry::setNumber(HKEY_CURRENT_USER, L"Software\\Verdane\\Clipforge", L"CloudThumbnails", 1);
+        EXPECT_RESULT(S_OK, ask(path).result);
+    }
+    g_addedAttributes = FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_SPARSE_FILE; // fetched already
+    StandInRegistry::setNumber(HKEY_CURRENT_USER, L"Software\\Verdane\\Clipforge", L"CloudThumbnails", 0);
+    EXPECT_RESULT(S_OK, ask(path).result);
+    setImport(slot, former);
 }
 
 TEST_F(Failures, StrangeButGoodNames) {

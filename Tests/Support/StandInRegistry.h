@@ -1,0 +1,40 @@
+// For this process and this object's lifetime, the machine's and the user's registry are keys that only the
+// test knows.
+#pragma once
+
+#include <windows.h>
+
+class StandInRegistry {
+public:
+    StandInRegistry() {
+        for (Hive& hive : m_hives)
+            RegCreateKeyExW(HKEY_CURRENT_USER, hive.name, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS,
+                            nullptr, &hive.key, nullptr);
+        for (const Hive& hive : m_hives)
+            RegOverridePredefKey(hive.root, hive.key);
+    }
+    ~StandInRegistry() {
+        for (const Hive& hive : m_hives)
+            RegOverridePredefKey(hive.root, nullptr);
+        for (const Hive& hive : m_hives) {
+            RegCloseKey(hive.key);
+            RegDeleteTreeW(HKEY_CURRENT_USER, hive.name);
+        }
+    }
+    StandInRegistry(const StandInRegistry&) = delete;
+    StandInRegistry& operator=(const StandInRegistry&) = delete;
+
+    static void setNumber(HKEY root, const wchar_t* key, const wchar_t* value, DWORD number,
+                          DWORD type = REG_DWORD) {
+        RegSetKeyValueW(root, key, value, type, &number, sizeof number);
+    }
+
+private:
+    struct Hive {
+        HKEY root;
+        const wchar_t* name;
+        HKEY key;
+    };
+    Hive m_hives[2] = {{HKEY_LOCAL_MACHINE, L"Software\\ClipforgeTestMachine", nullptr},
+                       {HKEY_CURRENT_USER, L"Software\\ClipforgeTestUser", nullptr}};
+};

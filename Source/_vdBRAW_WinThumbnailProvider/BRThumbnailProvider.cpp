@@ -10,7 +10,9 @@
 
 #include "ClassFactory.h"
 #include "Session.h"
+#include "ThumbnailProgress.h"
 #include "Utils/vdCloudFile.h"
+#include "Utils/vdFailureEvent.h"
 #include "Utils/vdGuard.h"
 #include "Utils/vdLogging.h"
 #include "Utils/vdPaths.h"
@@ -58,16 +60,27 @@ struct CoreRelease {
     ~CoreRelease() { releaseBMD(); }
 };
 
-HRESULT makeThumbnail(const std::string& path, UINT size, HBITMAP& bitmap, WTS_ALPHATYPE& alpha) {
-    if (isSparedCloudFile(utf8ToUtf16(path).c_str()))
-        return E_FAIL;
+HRESULT runCore(const std::string& path, UINT size, HBITMAP& bitmap, WTS_ALPHATYPE& alpha,
+                ThumbnailProgress& reached) {
     const ProcessWideLock lock;
     const CoreRelease release;
-    HRESULT hr = initBMIfNeeded();
+    HRESULT hr = guardBoundary([] { return initBMIfNeeded(); });
     if (hr == S_OK) {
         hr = guardBoundary([&] { return generateThumbnailImageBuffer(path, size, bitmap); });
         alpha = WTSAT_ARGB;
     }
+    reached = g_progress;
+    return hr;
+}
+
+HRESULT makeThumbnail(const std::string& path, UINT size, HBITMAP& bitmap, WTS_ALPHATYPE& alpha) {
+    const std::wstring widePath = utf8ToUtf16(path);
+    if (isSparedCloudFile(widePath.c_str()))
+        return E_FAIL;
+    ThumbnailProgress reached;
+    const HRESULT hr = runCore(path, size, bitmap, alpha, reached);
+    if (FAILED(hr))
+        reportFailure({widePath.c_str(), reached.stage, hr, reached.requestError});
     return hr;
 }
 } // namespace

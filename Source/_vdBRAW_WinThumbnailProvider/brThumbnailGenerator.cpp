@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Manager.h"
+#include "ThumbnailProgress.h"
 #include "Utils/vdGuard.h"
 #include "Utils/vdLogging.h"
 #include "brThumbnailRequest.h"
@@ -29,9 +30,11 @@ bool render(const std::shared_ptr<vdBRAW_Request_Thumbnail>& request, const vdBR
             uint32_t size) {
     if (request->initThumbnail(clip, {size, size}).failed)
         return false;
-    if (g_manager->ProcessFrameSync(request) != 0)
-        return false;
+    const bool submitted = g_manager->ProcessFrameSync(request) == 0;
     const vdLock lock(request->m_mutex, "request->m_mutex");
+    g_progress.requestError = request->m_errorCode;
+    if (!submitted)
+        return false;
     const bool ended = request->m_isFinished || !request->m_isEnabled;
     return ended && request->m_errorCode == brErrorNone && request->m_hBitmap != nullptr;
 }
@@ -43,10 +46,12 @@ HRESULT initBMIfNeeded() {
         return S_OK;
     }
     VD_LOG_INFO("Initializing BMD Lib");
+    g_progress = {L"loading the decoder library"};
     auto instance = std::make_unique<Instance>();
     if (initBM(*instance) != 0)
         return E_UNEXPECTED;
 
+    g_progress.stage = L"starting the decoder";
     g_manager =
         new vdBRAW_Manager; // at once, since the core reaches it through the pointer; releaseBMD's from here
     const int result = g_manager->init(std::move(instance));
@@ -67,6 +72,7 @@ HRESULT releaseBMD() noexcept {
 HRESULT generateThumbnailImageBuffer(const std::string& filepath, uint32_t size, HBITMAP& bitmap) {
     bitmap = nullptr;
     uint64_t clipId = 0;
+    g_progress.stage = L"opening the clip";
     // The registry says 1 for "refused", which would be a success to the shell.
     if (const int added = g_manager->AddClipIfNew(filepath, clipId); added != 0)
         return FAILED(added) ? static_cast<HRESULT>(added) : E_FAIL;
@@ -76,6 +82,7 @@ HRESULT generateThumbnailImageBuffer(const std::string& filepath, uint32_t size,
         return E_UNEXPECTED;
     const ClipCloser closer(clip);
 
+    g_progress.stage = L"decoding the first frame";
     const auto request = std::make_shared<vdBRAW_Request_Thumbnail>();
     if (!render(request, *clip, size)) {
         VD_LOG_ERROR("Something went wrong !! Returning Error");

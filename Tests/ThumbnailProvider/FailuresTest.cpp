@@ -92,6 +92,74 @@ TEST_F(Failures, ClipsInACloudAreNotFetchedUnlessAPolicyWantsIt) {
     setImport(slot, former);
 }
 
+std::vector<std::wstring> g_events;
+int g_openLogs = 0;
+ULONGLONG g_addedTime = 0;
+
+HANDLE WINAPI openLog(const wchar_t*, const wchar_t*) {
+    ++g_openLogs;
+    return &g_openLogs;
+}
+BOOL WINAPI writeToLog(HANDLE, WORD, WORD, DWORD, void*, WORD count, DWORD, const wchar_t** texts, void*) {
+    EXPECT_EQ(1, count);
+    g_events.emplace_back(texts[0]);
+    return TRUE;
+}
+BOOL WINAPI closeLog(HANDLE) {
+    return --g_openLogs >= 0;
+}
+ULONGLONG WINAPI laterTime() {
+    return GetTickCount64() + g_addedTime;
+}
+
+TEST_F(Failures, EachLeavesOneEventWithinReason) {
+    const StandInRegistry registry;
+    const HMODULE handler = GetModuleHandleW(L"Clipforge_Thumbnails.dll");
+    for (const auto& [name, function] : {std::pair{"RegisterEventSourceW", reinterpret_cast<void*>(&openLog)},
+                                         {"ReportEventW", reinterpret_cast<void*>(&writeToLog)},
+                                         {"DeregisterEventSource", reinterpret_cast<void*>(&closeLog)},
+                                         {"GetTickCount64", reinterpret_cast<void*>(&laterTime)}}) {
+        void** const slot = importSlot(handler, name);
+        ASSERT_NE(nullptr, slot) << name;
+        setImport(slot, function); // until the handler is unloaded
+    }
+    const std::wstring path = writeClip();
+    const std::wstring missing = inside(L"missing.braw");
+    g_events.clear();
+    g_addedTime = 0;
+    EXPECT_RESULT(S_OK, ask(path).result);
+    EXPECT_EQ(0u, g_events.size()) << "nothing failed";
+
+    expectFailed(missing);
+    m_faultsArmed = true;
+    m_decoder.reset();
+    m_decoder.arm({"IBlackmagicRawFactory::CreateCodec", 1, Kind::fail, E_FAIL});
+    expectFailed(path, 16, E_UNEXPECTED, false);
+    m_decoder.reset();
+    m_decoder.arm({"IBlackmagicRawCallback::ProcessComplete", 1, Kind::succeedEmpty, 0});
+    expectFailed(path);
+    m_decoder.reset();
+    const std::wstring start = L"No thumbnail was made.\r\nClip: ";
+    EXPECT_EQ((std::vector{start + missing + L"\r\nStage: opening the clip\r\nCode: 0x80004005",
+                           start + path + L"\r\nStage: starting the decoder\r\nCode: 0x8000FFFF",
+                           start + path +
+                               L"\r\nStage: decoding the first frame\r\nCode: 0x80004005"
+                               L"\r\nRequest error: 12"}),
+              g_events);
+
+    for (int i = 3; i < 20; ++i)
+        expectFailed(missing);
+    EXPECT_EQ(8u, g_events.size());
+    g_addedTime = 10 * 60 * 1000;
+    expectFailed(missing);
+    EXPECT_EQ(9u, g_events.size());
+    EXPECT_TRUE(g_events.back().ends_with(L"\r\nFailures left out since the last event: 12"));
+    StandInRegistry::setNumber(HKEY_CURRENT_USER, L"Software\\Verdane\\Clipforge", L"FailureEvents", 0);
+    expectFailed(missing);
+    EXPECT_EQ(9u, g_events.size());
+    EXPECT_EQ(0, g_openLogs);
+}
+
 TEST_F(Failures, StrangeButGoodNames) {
     std::wstring longFolder = m_folder.path().wstring();
     for (int i = 0; i < 6; ++i) {

@@ -19,9 +19,6 @@ namespace {
 constexpr std::string_view hostPluginFolder =
     "C:\\Program Files\\Adobe\\Common\\Plug-ins\\7.0\\MediaCore\\Clipforge\\";
 
-/// The build of the decoder library that this product was made for.
-constexpr int64_t expectedLibrarySize = 2'161'112;
-
 /// Serialises check, load and create, so that one library serves all instances. Lives as long as this module.
 class LoaderMutex {
 public:
@@ -223,7 +220,7 @@ bool tryToInitBM(Instance& instance, std::string_view folder) {
 bool isTheDllLastVersion(const Instance& instance) {
     const int64_t size = fileSize(libraryPath(utf16ToUtf8(instance.libraryFolder.view())));
     VD_LOG_INFO("Dll Filesize : " << size);
-    return size == expectedLibrarySize;
+    return size == BlackmagicRawAPIFileSize;
 }
 
 int32_t Release(Instance& instance) noexcept {

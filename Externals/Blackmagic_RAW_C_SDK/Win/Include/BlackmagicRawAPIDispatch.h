@@ -7,8 +7,7 @@
 #include <string>
 
 #include "BlackmagicRawAPI.h"
-
-inline constexpr wchar_t BlackmagicRawAPIFileName[] = L"BlackmagicRawAPI.dll";
+#include "BlackmagicRawAPIFile.h"
 
 /// Loads the library from `folder` (UTF-16, ending with a backslash) and resolves its entry point. Whether
 /// that worked is what IsBlackmagicRawAPILoaded then says.

@@ -1,0 +1,137 @@
+// What stood in the registry before the handler came is there again when it has gone.
+#include "HandlerRegistration.h"
+
+#include <functional>
+#include <map>
+
+#include <gtest/gtest.h>
+
+#include "StandInRegistry.h"
+
+namespace {
+constexpr wchar_t binding[] = L"Software\\Classes\\.braw\\ShellEx\\{e357fccd-a995-4576-b01f-234630154e96}";
+constexpr wchar_t ourClass[] = L"{5b8e2d41-93c7-4f0a-b6e5-2d17c9a4f380}";
+constexpr wchar_t ourServer[] =
+    L"Software\\Classes\\CLSID\\{5b8e2d41-93c7-4f0a-b6e5-2d17c9a4f380}\\InProcServer32";
+
+/// Every key, with an empty name, and every value with its type and bytes.
+using Picture = std::map<std::wstring, std::vector<BYTE>>;
+
+void photograph(HKEY key, const std::wstring& path, Picture& picture) {
+    picture[path + L"\\"];
+    wchar_t name[256];
+    for (DWORD i = 0, length = 256;; ++i, length = 256) {
+        std::vector<BYTE> bytes(1024);
+        auto size = static_cast<DWORD>(bytes.size());
+        DWORD type = 0;
+        if (RegEnumValueW(key, i, name, &length, nullptr, &type, bytes.data(), &size) != ERROR_SUCCESS)
+            break;
+        bytes.resize(size);
+        bytes.push_back(static_cast<BYTE>(type));
+        picture[path + L"\\" + name + L"="] = bytes;
+    }
+    for (DWORD i = 0, length = 256;
+         RegEnumKeyExW(key, i, name, &length, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
+         ++i, length = 256) {
+        HKEY child = nullptr;
+        RegOpenKeyExW(key, name, 0, KEY_READ, &child);
+        photograph(child, path + L"\\" + name, picture);
+        RegCloseKey(child);
+    }
+}
+
+Picture photograph() {
+    Picture picture;
+    photograph(HKEY_LOCAL_MACHINE, L"machine", picture);
+    photograph(HKEY_CURRENT_USER, L"user", picture);
+    return picture;
+}
+
+void makeKey(HKEY root, const wchar_t* path) {
+    HKEY key = nullptr;
+    RegCreateKeyExW(root, path, 0, nullptr, 0, KEY_READ, nullptr, &key, nullptr);
+    RegCloseKey(key);
+}
+
+void setText(HKEY root, const wchar_t* path, const wchar_t* name, const std::wstring& text,
+             DWORD type = REG_SZ) {
+    RegSetKeyValueW(root, path, name, type, text.c_str(),
+                    static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
+}
+
+std::wstring textOf(HKEY root, const wchar_t* path, const wchar_t* name = nullptr) {
+    wchar_t text[512];
+    DWORD size = sizeof text;
+    const LSTATUS status = RegGetValueW(root, path, name, RRF_RT_REG_SZ, nullptr, text, &size);
+    return status == ERROR_SUCCESS ? text : L"(nothing)";
+}
+
+const struct {
+    const char* name;
+    std::function<void(HKEY)> write;
+} states[] = {
+    {"nothing", [](HKEY) {}},
+    {"an empty extension", [](HKEY root) { makeKey(root, L"Software\\Classes\\.braw"); }},
+    {"an empty binding", [](HKEY root) { makeKey(root, binding); }},
+    {"another's binding",
+     [](HKEY root) { setText(root, binding, nullptr, L"{11111111-1111-1111-1111-111111111111}"); }},
+    {"another's binding, type and icon",
+     [](HKEY root) {
+         setText(root, binding, nullptr, L"%other%", REG_EXPAND_SZ);
+         setText(root, L"Software\\Classes\\.braw", nullptr, L"Other.Type");
+         setText(root, L"Software\\Classes\\.braw", L"Content Type", L"video/x-other");
+         setText(root, L"Software\\Classes\\.braw2\\DefaultIcon", nullptr, L"other.ico");
+         setText(root, L"Software\\Classes\\.sidecar\\shell\\open\\command", nullptr, L"other.exe");
+     }},
+    {"a class of our name",
+     [](HKEY root) { setText(root, ourServer, nullptr, L"D:\\old\\Clipforge_Thumbnails.dll"); }},
+    {"settings of ours", [](HKEY root) { setText(root, L"Software\\Verdane\\Clipforge", L"x", L"y"); }},
+};
+
+class HandlerRegistration : public testing::TestWithParam<Scope> {
+protected:
+    const StandInRegistry m_registry;
+    const HKEY m_root = GetParam() == Scope::machine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
+};
+
+TEST_P(HandlerRegistration, LeavesEverythingAsItWas) {
+    for (const auto& [name, write] : states) {
+        SCOPED_TRACE(name);
+        RegDeleteTreeW(m_root, nullptr);
+        makeKey(m_root, L"Software");
+        write(m_root);
+        const Picture before = photograph();
+        EXPECT_EQ(S_OK, registerHandler(L"C:\\one\\", GetParam()));
+        EXPECT_EQ(L"C:\\one\\", registeredFolder(GetParam()));
+        EXPECT_EQ(ourClass, textOf(m_root, binding));
+        EXPECT_EQ(L"(nothing)",
+                  textOf(m_root, L"Software\\Classes\\Clipforge.ThumbnailClip\\shell\\open\\command"));
+        EXPECT_EQ(S_OK, registerHandler(L"C:\\two\\", GetParam())) << "an upgrade";
+        EXPECT_EQ(L"C:\\two\\Clipforge_Thumbnails.dll", textOf(m_root, ourServer));
+        EXPECT_EQ(S_OK, unregisterHandler(GetParam()));
+        EXPECT_EQ(before, photograph());
+        EXPECT_EQ(S_OK, unregisterHandler(GetParam()));
+        EXPECT_EQ(before, photograph());
+    }
+}
+
+TEST_P(HandlerRegistration, WhatSomebodyElseWroteMeanwhileStays) {
+    setText(m_root, L"Software\\Classes\\.braw2\\DefaultIcon", nullptr, L"other.ico");
+    registerHandler(L"C:\\one\\", GetParam());
+    EXPECT_EQ(L"other.ico", textOf(m_root, L"Software\\Classes\\.braw2\\DefaultIcon"));
+    EXPECT_EQ(L"C:\\one\\Clipforge_Icon.ico", textOf(m_root, L"Software\\Classes\\.sidecar\\DefaultIcon"));
+    setText(m_root, binding, nullptr, L"{22222222-2222-2222-2222-222222222222}");
+    setText(m_root, L"Software\\Classes\\.braw", L"PerceivedType", L"video");
+    unregisterHandler(GetParam());
+    EXPECT_EQ(L"{22222222-2222-2222-2222-222222222222}", textOf(m_root, binding));
+    EXPECT_EQ(L"video", textOf(m_root, L"Software\\Classes\\.braw", L"PerceivedType"));
+    EXPECT_EQ(L"(nothing)", textOf(m_root, L"Software\\Classes\\.braw"));
+    EXPECT_EQ(L"other.ico", textOf(m_root, L"Software\\Classes\\.braw2\\DefaultIcon"));
+    EXPECT_EQ(L"", registeredFolder(GetParam()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Scopes, HandlerRegistration, testing::Values(Scope::machine, Scope::user),
+                         [](const auto& scope) {
+                             return scope.param == Scope::machine ? "machine" : "user";
+                         });
+} // namespace

@@ -10,6 +10,12 @@ std::filesystem::path productFolder(const char* name) {
     return (std::filesystem::path(program).parent_path() / CLIPFORGE_PRODUCTS / name).lexically_normal();
 }
 
+std::filesystem::path testedLibrary() {
+    wchar_t name[64];
+    const DWORD length = GetEnvironmentVariableW(L"CLIPFORGE_TESTED_LIBRARY", name, 64);
+    return length != 0 ? name : L"Clipforge_Thumbnails.dll";
+}
+
 HandlerModule::HandlerModule(const std::filesystem::path& file)
     : m_module(LoadLibraryExW(file.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH)) {
     if (m_module == nullptr)
@@ -28,7 +34,9 @@ HRESULT HandlerModule::call(const char* name) const {
 
 ComPtr<IClassFactory> HandlerModule::factory() const {
     ComPtr<IClassFactory> factory;
-    EXPECT_RESULT(S_OK, getClassObject(CLSID_ClipforgeThumbnails, IID_PPV_ARGS(&factory)));
+    const bool isGuard = testedLibrary() == L"Clipforge_Guard.dll";
+    EXPECT_RESULT(S_OK, getClassObject(isGuard ? CLSID_ClipforgeGuardedThumbnails : CLSID_ClipforgeThumbnails,
+                                       IID_PPV_ARGS(&factory)));
     return factory;
 }
 
@@ -53,14 +61,14 @@ void HandlerTest::SetUp() {
 void HandlerTest::TearDown() {
     EXPECT_RESULT(S_OK, m_handler->canUnloadNow());
     m_handler.reset();
-    EXPECT_EQ(nullptr, GetModuleHandleW(L"Clipforge_Thumbnails.dll"));
+    EXPECT_EQ(nullptr, GetModuleHandleW(testedLibrary().c_str()));
     expectNothingLeft(0);
     m_decoder.disarm();
 }
 
 void HandlerTest::load(const std::filesystem::path& folder) {
     m_handler.reset();
-    m_handler = std::make_unique<HandlerModule>(folder / "Clipforge_Thumbnails.dll");
+    m_handler = std::make_unique<HandlerModule>(folder / testedLibrary());
 }
 
 Answer HandlerTest::ask(const std::optional<std::wstring>& path, UINT size) {

@@ -22,6 +22,9 @@
 
 using Microsoft::WRL::ComPtr;
 
+/// The library under test: the handler's, or the one that the environment names, asked in the same way.
+std::filesystem::path testedLibrary();
+
 /// The folder of a build of the handler: "bin" or "logging".
 std::filesystem::path productFolder(const char* name);
 

@@ -21,9 +21,15 @@ struct Row {
     DWORD highest;
 };
 constexpr Row rows[] = {
-    {L"CloudThumbnails", 0, 0, 1},    {L"FailureEvents", 1, 0, 1},
-    {L"WorkerSeconds", 15, 1, 600},   {L"WorkerMegabytes", 4096, 256, 1048576},
+    {L"CloudThumbnails", 0, 0, 1},
+    {L"FailureEvents", 1, 0, 1},
+    {L"Workers", 0, 0, 16},
+    {L"WorkerSeconds", 15, 1, 600},
+    {L"WorkerIdleSeconds", 30, 1, 3600},
+    {L"WorkerMegabytes", 4096, 256, 1048576},
     {L"WorkerLowIntegrity", 0, 0, 1},
+    {L"KillerMinutes", 10, 0, 1440},
+    {L"PauseSeconds", 60, 0, 3600},
 };
 static_assert(std::size(rows) == static_cast<size_t>(vdPolicy::count));
 } // namespace

@@ -10,9 +10,13 @@
 enum class vdPolicy {
     cloudThumbnails,    ///< 1: clips that lie in a cloud or an archive are fetched for their thumbnails
     failureEvents,      ///< 0: a failed thumbnail leaves no event
+    workers,            ///< how many there may be; 0: one for each processor, at most four
     workerSeconds,      ///< how long a worker may take for one thumbnail
+    workerIdleSeconds,  ///< how long a worker waits for the next question before it goes
     workerMegabytes,    ///< how much memory a worker may take
     workerLowIntegrity, ///< 1: workers run at low integrity and start no processes
+    killerMinutes,      ///< how long a clip that ended its worker is not asked again
+    pauseSeconds,       ///< how long nothing is asked after three clips in a row ended their workers
     count
 };
 

@@ -31,8 +31,11 @@ HRESULT HandlerLibrary::createHandler(REFIID riid, void** object) const {
     if (getClassObject == nullptr)
         return lastError();
     ComPtr<IClassFactory> factory;
-    const HRESULT result = getClassObject(CLSID_ClipforgeThumbnails, IID_IClassFactory,
-                                          reinterpret_cast<void**>(factory.GetAddressOf()));
+    HRESULT result = CLASS_E_CLASSNOTAVAILABLE;
+    for (const CLSID& classId : {CLSID_ClipforgeThumbnails, CLSID_ClipforgeGuardedThumbnails})
+        if (result == CLASS_E_CLASSNOTAVAILABLE)
+            result = getClassObject(classId, IID_IClassFactory,
+                                    reinterpret_cast<void**>(factory.ReleaseAndGetAddressOf()));
     return FAILED(result) ? result : factory->CreateInstance(nullptr, riid, object);
 }
 

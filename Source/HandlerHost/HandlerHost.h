@@ -12,6 +12,10 @@
 inline constexpr CLSID CLSID_ClipforgeThumbnails = {
     0x5b8e2d41, 0x93c7, 0x4f0a, {0xb6, 0xe5, 0x2d, 0x17, 0xc9, 0xa4, 0xf3, 0x80}};
 
+/// The class of the guard before it: {0c6f4a97-51d2-4e83-a0b9-7be4d25c8a16}.
+inline constexpr CLSID CLSID_ClipforgeGuardedThumbnails = {
+    0x0c6f4a97, 0x51d2, 0x4e83, {0xa0, 0xb9, 0x7b, 0xe4, 0xd2, 0x5c, 0x8a, 0x16}};
+
 /// An export of a loaded library as a pointer to its function; null when it has none of that name.
 template <typename Function>
 Function exportOf(HMODULE module, const char* name) {
@@ -34,6 +38,8 @@ public:
     HBITMAP get() const { return m_bitmap; }
     /// Where a function puts the bitmap that it hands out; nothing may be owned yet.
     HBITMAP* put() { return &m_bitmap; }
+    /// The bitmap is the caller's from here on.
+    HBITMAP release() { return std::exchange(m_bitmap, nullptr); }
 
 private:
     HBITMAP m_bitmap = nullptr;
@@ -49,7 +55,7 @@ public:
 
     /// `path` is a full path.
     HRESULT load(const std::wstring& path);
-    /// An object of the handler's class from this library's own class factory.
+    /// An object from this library's own class factory, of whichever of our classes the library has.
     HRESULT createHandler(REFIID riid, void** object) const;
     /// Calls an export without arguments, DllCanUnloadNow say; E_NOINTERFACE when there is none of that name.
     HRESULT call(const char* name) const;

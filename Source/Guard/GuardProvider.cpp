@@ -1,0 +1,55 @@
+#include "GuardProvider.h"
+
+#include <new>
+
+#include <shlwapi.h>
+
+#include "ClassFactory.h"
+#include "Utils/vdGuard.h"
+#include "WorkerPool.h"
+
+HRESULT createGuardProvider(REFIID riid, void** ppv) {
+    return handOut(new (std::nothrow) CClipforgeGuardProvider, riid, ppv);
+}
+
+IFACEMETHODIMP CClipforgeGuardProvider::QueryInterface(REFIID riid, void** ppv) {
+    if (ppv == nullptr)
+        return E_POINTER;
+    static const QITAB interfaces[] = {QITABENT(CClipforgeGuardProvider, IInitializeWithFile),
+                                       QITABENT(CClipforgeGuardProvider, IThumbnailProvider),
+                                       {nullptr, 0}};
+    return QISearch(this, interfaces, riid, ppv);
+}
+
+IFACEMETHODIMP_(ULONG) CClipforgeGuardProvider::AddRef() {
+    return static_cast<ULONG>(InterlockedIncrement(&m_refCount));
+}
+
+IFACEMETHODIMP_(ULONG) CClipforgeGuardProvider::Release() {
+    const LONG count = InterlockedDecrement(&m_refCount);
+    if (count == 0)
+        delete this;
+    return static_cast<ULONG>(count);
+}
+
+IFACEMETHODIMP CClipforgeGuardProvider::Initialize(LPCWSTR pszFilePath, DWORD) {
+    if (pszFilePath == nullptr)
+        return E_UNEXPECTED;
+    return guardBoundary([&] {
+        m_path = pszFilePath;
+        return S_OK;
+    });
+}
+
+IFACEMETHODIMP CClipforgeGuardProvider::GetThumbnail(UINT cx, HBITMAP* phbmp, WTS_ALPHATYPE* pdwAlpha) {
+    if (phbmp == nullptr || pdwAlpha == nullptr)
+        return E_POINTER;
+    *phbmp = nullptr;
+    *pdwAlpha = WTSAT_UNKNOWN;
+    return guardBoundary([&] {
+        WorkerReply reply = askWorkers(m_path, cx);
+        *phbmp = reply.bitmap.release();
+        *pdwAlpha = reply.alpha;
+        return reply.result;
+    });
+}

@@ -1,0 +1,157 @@
+// The worker: asks the handler beside it for one picture after the other, as the shell would, and for the
+// guard that started it. It is the place where a decoder may crash.
+//
+// Its threads: the main one, an apartment of its own that asks the handler; one that waits for the guard's
+// end; and whatever the handler starts. It always leaves by TerminateProcess, since an orderly end can hang
+// in a library.
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include <objbase.h>
+
+#include "HandlerHost.h"
+#include "OwnedHandle.h"
+#include "Transport.h"
+
+namespace {
+constexpr wchar_t handlerFile[] = L"Clipforge_Thumbnails.dll";
+
+[[noreturn]] void leave(DWORD exitCode) {
+    TerminateProcess(GetCurrentProcess(), exitCode);
+    std::abort();
+}
+
+LONG WINAPI leaveCrashed(EXCEPTION_POINTERS* exception) {
+    leave(exception->ExceptionRecord->ExceptionCode);
+}
+
+/// Neither a dialog nor a debugger is to keep a worker that has crashed.
+void crashQuietly() {
+    SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
+    SetUnhandledExceptionFilter(leaveCrashed);
+    _set_error_mode(_OUT_TO_STDERR);
+}
+
+struct Watch {
+    HANDLE guard;
+    HANDLE begun;
+};
+
+DWORD WINAPI watchGuard(void* parameter) {
+    const Watch watch = *static_cast<const Watch*>(parameter);
+    SetEvent(watch.begun);
+    WaitForSingleObject(watch.guard, INFINITE);
+    leave(0);
+}
+
+/// Waits until the thread runs: a library that hangs while it is loaded would keep it from starting.
+void startWatch(HANDLE guard) {
+    const OwnedHandle begun(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    Watch watch{guard, begun.get()};
+    const OwnedHandle thread(CreateThread(nullptr, 0, watchGuard, &watch, 0, nullptr));
+    if (!begun || !thread)
+        leave(ERROR_NOT_ENOUGH_MEMORY);
+    WaitForSingleObject(begun.get(), INFINITE);
+}
+
+std::wstring handlerPath() {
+    std::wstring path(WorkerQuestion::maximumPath + 1, L'\0');
+    path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
+    return path.substr(0, path.find_last_of(L"\\/") + 1) + handlerFile;
+}
+
+class Worker {
+public:
+    Worker(const WorkerHandles& handles, WorkerChannel& channel) : m_handles(handles), m_channel(channel) {}
+
+    [[noreturn]] void serve() {
+        const WorkerOutcome loaded = load();
+        for (;;) {
+            waitForQuestion();
+            answer(loaded);
+        }
+    }
+
+private:
+    WorkerOutcome load() {
+        const std::wstring path = handlerPath();
+        if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES)
+            return WorkerOutcome::handlerMissing;
+        return m_handler.load(path) == S_OK ? WorkerOutcome::answered : WorkerOutcome::handlerNotLoaded;
+    }
+
+    /// Handles the apartment's messages meanwhile. Leaves when nothing comes for long.
+    void waitForQuestion() {
+        DWORD index = 0;
+        const HRESULT hr =
+            CoWaitForMultipleHandles(0, m_channel.idleMilliseconds, 1, &m_handles.question, &index);
+        if (hr == S_OK)
+            return;
+        if (hr != RPC_S_CALLPENDING || m_channel.leave())
+            leave(0);
+        WaitForSingleObject(m_handles.question, INFINITE); // it was about to come
+    }
+
+    void answer(WorkerOutcome loaded) {
+        const WorkerQuestion& question = m_channel.question;
+        WorkerAnswer& answer = m_channel.answer;
+        answer = {};
+        answer.outcome = loaded;
+        m_channel.taken = question.number;
+        if (loaded == WorkerOutcome::answered)
+            ask(std::wstring(question.path, question.pathLength), question.size, answer);
+        answer.number = question.number;
+        m_channel.state = WorkerState::idle;
+        SetEvent(m_handles.answer);
+    }
+
+    void ask(const std::wstring& path, UINT size, WorkerAnswer& answer) {
+        const ThumbnailAnswer picture = askForThumbnail(path, size, &m_handler);
+        answer.result = picture.result;
+        answer.alpha = static_cast<uint32_t>(picture.alpha);
+        if (picture.result == S_OK)
+            answer.outcome = show(picture.bitmap.get(), answer);
+    }
+
+    WorkerOutcome show(HBITMAP bitmap, WorkerAnswer& answer) {
+        DIBSECTION section = {};
+        if (!isThumbnailBitmap(bitmap, section)) {
+            answer.result = E_UNEXPECTED;
+            return WorkerOutcome::answered;
+        }
+        answer.width = static_cast<uint32_t>(section.dsBmih.biWidth);
+        answer.height = static_cast<uint32_t>(section.dsBmih.biHeight);
+        const size_t pixels = size_t{answer.width} * answer.height;
+        if (pixels > WorkerChannel::maximumPixels)
+            return WorkerOutcome::pictureTooLarge;
+        const size_t bytes = pixels * WorkerChannel::bytesPerPixel;
+        if (VirtualAlloc(m_channel.pixels(), bytes, MEM_COMMIT, PAGE_READWRITE) != nullptr)
+            std::memcpy(m_channel.pixels(), section.dsBm.bmBits, bytes);
+        else
+            answer.result = E_OUTOFMEMORY;
+        return WorkerOutcome::answered;
+    }
+
+    WorkerHandles m_handles;
+    WorkerChannel& m_channel;
+    HandlerLibrary m_handler;
+};
+} // namespace
+
+int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR arguments, int) {
+    crashQuietly();
+    const std::optional<WorkerHandles> handles = parseWorkerArguments(arguments);
+    if (!handles)
+        leave(workerOfOtherVersion);
+    startWatch(handles->guard);
+    auto* const channel =
+        static_cast<WorkerChannel*>(MapViewOfFile(handles->section, FILE_MAP_READ | FILE_MAP_WRITE, 0, 0, 0));
+    if (channel == nullptr || FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
+        leave(ERROR_NOT_ENOUGH_MEMORY);
+    try {
+        Worker(*handles, *channel).serve();
+    } catch (const std::bad_alloc&) {
+        leave(ERROR_NOT_ENOUGH_MEMORY);
+    }
+}

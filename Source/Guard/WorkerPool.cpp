@@ -1,0 +1,170 @@
+#include "WorkerPool.h"
+
+#include <algorithm>
+#include <memory>
+#include <span>
+#include <utility>
+
+#include "GuardFailures.h"
+#include "KillerClips.h"
+#include "RegistryRows.h"
+#include "Utils/vdModule.h"
+#include "Utils/vdPolicy.h"
+
+namespace {
+/// A place for a worker; whoever holds it has the only say over what stands there.
+struct Slot {
+    WorkerProcess* worker; ///< idle, or the holder's; null: none started yet, or it has ended
+    bool held;
+};
+
+/// All of it zero at first, and without a destructor: when the process ends nothing of it is to be touched,
+/// and when the library is unloaded DllMain ends the workers itself.
+struct Pool {
+    static constexpr size_t maximumWorkers = 16;
+
+    SRWLOCK lock; ///< for all below
+    CONDITION_VARIABLE freed;
+    Slot slots[maximumWorkers];
+    KillerClips killers;
+};
+Pool g_pool;
+
+class PoolLock {
+public:
+    PoolLock() noexcept { AcquireSRWLockExclusive(&g_pool.lock); }
+    ~PoolLock() { ReleaseSRWLockExclusive(&g_pool.lock); }
+    PoolLock(const PoolLock&) = delete;
+    PoolLock& operator=(const PoolLock&) = delete;
+};
+
+size_t workerLimit() {
+    const size_t chosen = policyValue(vdPolicy::workers);
+    SYSTEM_INFO system = {};
+    GetSystemInfo(&system);
+    return chosen != 0 ? std::min(chosen, Pool::maximumWorkers)
+                       : std::clamp<size_t>(system.dwNumberOfProcessors, 1, 4);
+}
+
+/// A place in the pool, waited for, and given back at the end together with the worker in it.
+class Lease {
+public:
+    Lease() {
+        const PoolLock lock;
+        while ((m_slot = findWorker()) == nullptr && (m_slot = findEmpty()) == nullptr)
+            SleepConditionVariableSRW(&g_pool.freed, &g_pool.lock, INFINITE, 0);
+        m_slot->held = true;
+        m_worker.reset(std::exchange(m_slot->worker, nullptr));
+    }
+    ~Lease() {
+        {
+            const PoolLock lock;
+            m_slot->worker = m_worker.release();
+            m_slot->held = false;
+        }
+        WakeConditionVariable(&g_pool.freed);
+    }
+    Lease(const Lease&) = delete;
+    Lease& operator=(const Lease&) = delete;
+
+    std::unique_ptr<WorkerProcess>& worker() { return m_worker; }
+
+private:
+    /// A place with an idle worker. Clears the places of those that have left.
+    static Slot* findWorker() {
+        Slot* found = nullptr;
+        for (Slot& slot : g_pool.slots) {
+            if (slot.held || slot.worker == nullptr)
+                continue;
+            if (slot.worker->hasLeft())
+                delete std::exchange(slot.worker, nullptr);
+            else
+                found = &slot;
+        }
+        return found;
+    }
+    /// A place for a further worker.
+    static Slot* findEmpty() {
+        const auto places = std::span(g_pool.slots, workerLimit());
+        const auto empty =
+            std::find_if(places.begin(), places.end(), [](const Slot& slot) { return !slot.held; });
+        return empty != places.end() ? &*empty : nullptr;
+    }
+
+    Slot* m_slot = nullptr;
+    std::unique_ptr<WorkerProcess> m_worker;
+};
+
+HRESULT refusal(const std::wstring& path) {
+    const PoolLock lock;
+    return g_pool.killers.refusal(path);
+}
+
+/// Draws the conclusions from how a question went.
+void settle(const std::wstring& path, Asked asked, std::unique_ptr<WorkerProcess>& worker) {
+    if (asked != Asked::answered) {
+        worker->endAndWait(); // the clip is free again when the shell gets its answer
+        worker.reset();
+    }
+    const PoolLock lock;
+    switch (asked) {
+    case Asked::killed:
+        return g_pool.killers.killed(path);
+    case Asked::diedUnasked:
+        return g_pool.killers.diedUnasked();
+    default:
+        return g_pool.killers.answered();
+    }
+}
+
+WorkerReply failed(HRESULT result) {
+    WorkerReply reply;
+    reply.result = result;
+    return reply;
+}
+
+/// Asks a worker that is still there from the last question; nothing when it is not.
+bool askIdle(std::unique_ptr<WorkerProcess>& worker, const std::wstring& path, UINT size,
+             WorkerReply& reply) {
+    if (worker != nullptr && worker->claim()) {
+        reply = worker->ask(path, size);
+        if (reply.asked != Asked::diedUnasked)
+            return true;
+    }
+    worker.reset(); // it has left, or somebody ended it
+    return false;
+}
+} // namespace
+
+WorkerReply askWorkers(const std::wstring& path, UINT size) {
+    if (path.size() > WorkerQuestion::maximumPath) { // no file has such a path; as the handler answers it
+        WorkerReply reply = failed(E_FAIL);
+        reply.alpha = WTSAT_ARGB;
+        return reply;
+    }
+    Lease lease;
+    // Only now: while we waited, another question may have shown that this one is not to be asked.
+    if (const HRESULT hr = refusal(path); FAILED(hr))
+        return failed(hr);
+    std::unique_ptr<WorkerProcess>& worker = lease.worker();
+    WorkerReply reply;
+    if (!askIdle(worker, path, size, reply)) {
+        if (const HRESULT hr = WorkerProcess::create(folderOf(ownModulePath()), worker); FAILED(hr))
+            return failed(hr);
+        reply = worker->ask(path, size);
+    }
+    settle(path, reply.asked, worker);
+    return reply;
+}
+
+void endIdleWorkers() noexcept {
+    const PoolLock lock;
+    for (Slot& slot : g_pool.slots)
+        if (!slot.held)
+            delete std::exchange(slot.worker, nullptr);
+}
+
+void endWorkersAtUnload() noexcept {
+    for (Slot& slot : g_pool.slots)
+        delete std::exchange(slot.worker, nullptr);
+}

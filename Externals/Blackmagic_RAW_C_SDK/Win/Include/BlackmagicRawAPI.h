@@ -1,8 +1,8 @@
 // The decoder library's interfaces, as far as this product uses them.
 //
 // The layout below is a contract: any decoder library compiled against this header works with the handler
-// unchanged. README.md beside this file lists every interface with each slot and identifier, and says which
-// are given and which are of our choosing.
+// unchanged. The product itself knows operations by their names alone; README.md beside this file says how it
+// is built with the maker's declarations instead of these, and what in these is certain.
 //
 // Conventions: every operation returns an HRESULT unless stated. Any HRESULT that is not negative is a
 // success, except where "S_OK alone" stands: there every other code counts as a failure. A failed operation
@@ -140,9 +140,12 @@ struct IBlackmagicRawPost3DLUT;
 struct IBlackmagicRawProcessedImage;
 struct IBlackmagicRawResourceManager;
 
-/// Operations that stand in a slot before one that is used, and are never called by the handler. A decoder
-/// library implements them as it likes; E_NOTIMPL will do.
-#define BLACKMAGIC_RAW_UNUSED(name) virtual HRESULT STDMETHODCALLTYPE name() = 0
+/// Operations that stand in a slot before one that is used, and are never called by the handler. Their
+/// arguments are not known here.
+#define BLACKMAGIC_RAW_UNUSED(name)                                                                          \
+    virtual HRESULT STDMETHODCALLTYPE name() {                                                               \
+        return E_NOTIMPL;                                                                                    \
+    }
 
 /// A unit of asynchronous work. The submitter's reference may be released as soon as Submit has returned; the
 /// library keeps the job until its completion has returned. The buffers that the caller gave stay until then.
@@ -151,14 +154,14 @@ struct IBlackmagicRawJob : IUnknown {
     /// Submit must not wait for it: the submitter may hold a lock that the completion needs. After a failure
     /// there is no completion.
     virtual HRESULT STDMETHODCALLTYPE Submit() = 0;
-    BLACKMAGIC_RAW_UNUSED(Abort);
+    BLACKMAGIC_RAW_UNUSED(Abort)
     virtual HRESULT STDMETHODCALLTYPE SetUserData(void* userData) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetUserData(void** userData) = 0;
 };
 
 /// Clip-wide processing settings. `array` may be null where only the element count and the flag are wanted.
 struct IBlackmagicRawClipProcessingAttributes : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(GetClipAttribute);
+    BLACKMAGIC_RAW_UNUSED(GetClipAttribute)
     /// S_OK alone, in these three: what is not set is asked about, by the range first.
     virtual HRESULT STDMETHODCALLTYPE SetClipAttribute(BlackmagicRawClipProcessingAttribute attribute,
                                                        VARIANT* value) = 0;
@@ -168,14 +171,14 @@ struct IBlackmagicRawClipProcessingAttributes : IUnknown {
     virtual HRESULT STDMETHODCALLTYPE GetClipAttributeList(BlackmagicRawClipProcessingAttribute attribute,
                                                            VARIANT* array, uint32_t* elementCount,
                                                            BOOL* isReadOnly) = 0;
-    BLACKMAGIC_RAW_UNUSED(GetISOList);
+    BLACKMAGIC_RAW_UNUSED(GetISOList)
     /// Success with a null LUT: the clip has none.
     virtual HRESULT STDMETHODCALLTYPE GetPost3DLUT(IBlackmagicRawPost3DLUT** lut) = 0;
 };
 
 /// Per-frame processing settings.
 struct IBlackmagicRawFrameProcessingAttributes : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(GetFrameAttribute);
+    BLACKMAGIC_RAW_UNUSED(GetFrameAttribute)
     /// S_OK alone, in these four.
     virtual HRESULT STDMETHODCALLTYPE SetFrameAttribute(BlackmagicRawFrameProcessingAttribute attribute,
                                                         VARIANT* value) = 0;
@@ -191,9 +194,9 @@ struct IBlackmagicRawFrameProcessingAttributes : IUnknown {
 
 /// A clip's 3D LUT. Its resources are its own, and live as long as it or its clip.
 struct IBlackmagicRawPost3DLUT : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(GetName);
-    BLACKMAGIC_RAW_UNUSED(GetTitle);
-    BLACKMAGIC_RAW_UNUSED(GetSize);
+    BLACKMAGIC_RAW_UNUSED(GetName)
+    BLACKMAGIC_RAW_UNUSED(GetTitle)
+    BLACKMAGIC_RAW_UNUSED(GetSize)
     virtual HRESULT STDMETHODCALLTYPE GetResourceGPU(void* context, void* commandQueue,
                                                      BlackmagicRawResourceType* type, void** resource) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetResourceCPU(void** resource) = 0;
@@ -202,15 +205,15 @@ struct IBlackmagicRawPost3DLUT : IUnknown {
 /// A frame that a read job delivered; valid during the callback and as long as a reference is held. Scale and
 /// format are set before the frame state is populated, which takes them over.
 struct IBlackmagicRawFrame : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(GetFrameIndex);
-    BLACKMAGIC_RAW_UNUSED(GetTimecode);
-    BLACKMAGIC_RAW_UNUSED(GetMetadataIterator);
-    BLACKMAGIC_RAW_UNUSED(GetMetadata);
-    BLACKMAGIC_RAW_UNUSED(SetMetadata);
+    BLACKMAGIC_RAW_UNUSED(GetFrameIndex)
+    BLACKMAGIC_RAW_UNUSED(GetTimecode)
+    BLACKMAGIC_RAW_UNUSED(GetMetadataIterator)
+    BLACKMAGIC_RAW_UNUSED(GetMetadata)
+    BLACKMAGIC_RAW_UNUSED(SetMetadata)
     virtual HRESULT STDMETHODCALLTYPE
     CloneFrameProcessingAttributes(IBlackmagicRawFrameProcessingAttributes** attributes) = 0;
     virtual HRESULT STDMETHODCALLTYPE SetResolutionScale(BlackmagicRawResolutionScale scale) = 0;
-    BLACKMAGIC_RAW_UNUSED(GetResolutionScale);
+    BLACKMAGIC_RAW_UNUSED(GetResolutionScale)
     /// S_OK alone: after another success the resolution scale is not set.
     virtual HRESULT STDMETHODCALLTYPE SetResourceFormat(BlackmagicRawResourceFormat format) = 0;
 };
@@ -225,7 +228,7 @@ struct IBlackmagicRawProcessedImage : IUnknown {
     /// The image's own sides, after turning and scaling.
     virtual HRESULT STDMETHODCALLTYPE GetWidth(uint32_t* width) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetHeight(uint32_t* height) = 0;
-    BLACKMAGIC_RAW_UNUSED(GetResource);
+    BLACKMAGIC_RAW_UNUSED(GetResource)
     virtual HRESULT STDMETHODCALLTYPE GetResourceType(BlackmagicRawResourceType* type) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetResourceFormat(BlackmagicRawResourceFormat* format) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetResourceSizeBytes(uint32_t* sizeBytes) = 0;
@@ -262,18 +265,18 @@ struct IBlackmagicRawClip : IUnknown {
     /// Frames per second.
     virtual HRESULT STDMETHODCALLTYPE GetFrameRate(float* frameRate) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetFrameCount(uint64_t* frameCount) = 0;
-    BLACKMAGIC_RAW_UNUSED(GetTimecodeForFrame);
-    BLACKMAGIC_RAW_UNUSED(GetMetadataIterator);
-    BLACKMAGIC_RAW_UNUSED(GetMetadata);
-    BLACKMAGIC_RAW_UNUSED(SetMetadata);
-    BLACKMAGIC_RAW_UNUSED(GetCameraType);
+    BLACKMAGIC_RAW_UNUSED(GetTimecodeForFrame)
+    BLACKMAGIC_RAW_UNUSED(GetMetadataIterator)
+    BLACKMAGIC_RAW_UNUSED(GetMetadata)
+    BLACKMAGIC_RAW_UNUSED(SetMetadata)
+    BLACKMAGIC_RAW_UNUSED(GetCameraType)
     virtual HRESULT STDMETHODCALLTYPE
     CloneClipProcessingAttributes(IBlackmagicRawClipProcessingAttributes** attributes) = 0;
 };
 
 /// Extended clip operations, for reading a frame into the caller's own buffer.
 struct IBlackmagicRawClipEx : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(GetMaxBitStreamSizeBytes);
+    BLACKMAGIC_RAW_UNUSED(GetMaxBitStreamSizeBytes)
     /// Also asked for frame 0 to see whether the clip still works.
     virtual HRESULT STDMETHODCALLTYPE GetBitStreamSizeBytes(uint64_t frameIndex, uint32_t* sizeBytes) = 0;
     virtual HRESULT STDMETHODCALLTYPE CreateJobReadFrame(uint64_t frameIndex, void* bitStream,
@@ -297,11 +300,11 @@ struct IBlackmagicRawClipResolutions : IUnknown {
 /// setter takes 'dsbl' or 'meta'; the vertical-flip setter takes 'dsbl' or 'flpy'. Their results are not
 /// looked at. A clip takes over what is set when it is opened; the object may be used for another one later.
 struct IBlackmagicRawClipGeometry : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(GetOrientationMode);
+    BLACKMAGIC_RAW_UNUSED(GetOrientationMode)
     virtual HRESULT STDMETHODCALLTYPE SetOrientationMode(BlackmagicRawGeometryMode mode) = 0;
-    BLACKMAGIC_RAW_UNUSED(GetHorizontalFlip);
-    BLACKMAGIC_RAW_UNUSED(SetHorizontalFlip);
-    BLACKMAGIC_RAW_UNUSED(GetVerticalFlip);
+    BLACKMAGIC_RAW_UNUSED(GetHorizontalFlip)
+    BLACKMAGIC_RAW_UNUSED(SetHorizontalFlip)
+    BLACKMAGIC_RAW_UNUSED(GetVerticalFlip)
     virtual HRESULT STDMETHODCALLTYPE SetVerticalFlip(BlackmagicRawGeometryMode mode) = 0;
 };
 
@@ -337,7 +340,7 @@ struct IBlackmagicRawManualDecoderFlow1 : IUnknown {
         uint32_t frameStateSizeBytes) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetDecodedSizeBytes(void* frameState, uint32_t* sizeBytes) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetProcessedSizeBytes(void* frameState, uint32_t* sizeBytes) = 0;
-    BLACKMAGIC_RAW_UNUSED(GetPost3DLUTSizeBytes);
+    BLACKMAGIC_RAW_UNUSED(GetPost3DLUTSizeBytes)
     virtual HRESULT STDMETHODCALLTYPE CreateJobDecode(void* frameState, void* bitStream, void* decoded,
                                                       IBlackmagicRawJob** job) = 0;
     /// `post3DLUT` may be null.
@@ -356,7 +359,7 @@ struct IBlackmagicRawManualDecoderFlow2 : IUnknown {
     virtual HRESULT STDMETHODCALLTYPE GetDecodedSizeBytes(void* frameState, uint32_t* sizeBytes) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetWorkingSizeBytes(void* frameState, uint32_t* sizeBytes) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetProcessedSizeBytes(void* frameState, uint32_t* sizeBytes) = 0;
-    BLACKMAGIC_RAW_UNUSED(GetPost3DLUTSizeBytes);
+    BLACKMAGIC_RAW_UNUSED(GetPost3DLUTSizeBytes)
     virtual HRESULT STDMETHODCALLTYPE CreateJobDecode(void* frameState, void* bitStream, void* decoded,
                                                       IBlackmagicRawJob** job) = 0;
     virtual HRESULT STDMETHODCALLTYPE CreateJobProcess(void* context, void* commandQueue, void* frameState,
@@ -366,8 +369,8 @@ struct IBlackmagicRawManualDecoderFlow2 : IUnknown {
 
 /// A device that a pipeline runs on.
 struct IBlackmagicRawPipelineDevice : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(SetBestInstructionSet);
-    BLACKMAGIC_RAW_UNUSED(SetInstructionSet);
+    BLACKMAGIC_RAW_UNUSED(SetBestInstructionSet)
+    BLACKMAGIC_RAW_UNUSED(SetInstructionSet)
     virtual HRESULT STDMETHODCALLTYPE GetInstructionSet(BlackmagicRawInstructionSet* instructionSet) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetIndex(uint32_t* deviceIndex) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetName(BSTR* name) = 0;
@@ -379,9 +382,9 @@ struct IBlackmagicRawPipelineDevice : IUnknown {
 
 /// Stands on its first device when handed out; CreateDevice (S_OK alone) makes the one it stands on.
 struct IBlackmagicRawPipelineDeviceIterator : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(Next);
-    BLACKMAGIC_RAW_UNUSED(GetPipeline);
-    BLACKMAGIC_RAW_UNUSED(GetInterop);
+    BLACKMAGIC_RAW_UNUSED(Next)
+    BLACKMAGIC_RAW_UNUSED(GetPipeline)
+    BLACKMAGIC_RAW_UNUSED(GetInterop)
     virtual HRESULT STDMETHODCALLTYPE CreateDevice(IBlackmagicRawPipelineDevice** device) = 0;
 };
 
@@ -389,22 +392,22 @@ struct IBlackmagicRawPipelineDeviceIterator : IUnknown {
 /// code at the end; past the end GetPipeline (S_OK alone) fails or gives 0.
 struct IBlackmagicRawPipelineIterator : IUnknown {
     virtual HRESULT STDMETHODCALLTYPE Next() = 0;
-    BLACKMAGIC_RAW_UNUSED(GetName);
-    BLACKMAGIC_RAW_UNUSED(GetInterop);
+    BLACKMAGIC_RAW_UNUSED(GetName)
+    BLACKMAGIC_RAW_UNUSED(GetInterop)
     virtual HRESULT STDMETHODCALLTYPE GetPipeline(BlackmagicRawPipeline* pipeline) = 0;
 };
 
 struct IBlackmagicRawConfiguration : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(SetPipeline);
+    BLACKMAGIC_RAW_UNUSED(SetPipeline)
     /// `context` and `commandQueue` may be null.
     virtual HRESULT STDMETHODCALLTYPE GetPipeline(BlackmagicRawPipeline* pipeline, void** context,
                                                   void** commandQueue) = 0;
     virtual HRESULT STDMETHODCALLTYPE IsPipelineSupported(BlackmagicRawPipeline pipeline,
                                                           BOOL* isSupported) = 0;
-    BLACKMAGIC_RAW_UNUSED(SetCPUThreads);
+    BLACKMAGIC_RAW_UNUSED(SetCPUThreads)
     virtual HRESULT STDMETHODCALLTYPE GetCPUThreads(uint32_t* threadCount) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetMaxCPUThreadCount(uint32_t* threadCount) = 0;
-    BLACKMAGIC_RAW_UNUSED(SetWriteMetadataPerFrame);
+    BLACKMAGIC_RAW_UNUSED(SetWriteMetadataPerFrame)
     virtual HRESULT STDMETHODCALLTYPE GetWriteMetadataPerFrame(BOOL* writePerFrame) = 0;
     /// S_OK alone. Not called for a device of the CPU's.
     virtual HRESULT STDMETHODCALLTYPE SetFromDevice(IBlackmagicRawPipelineDevice* device) = 0;
@@ -425,8 +428,8 @@ struct IBlackmagicRaw : IUnknown {
                                                            IBlackmagicRawClip** clip) = 0;
     /// S_OK alone.
     virtual HRESULT STDMETHODCALLTYPE SetCallback(IBlackmagicRawCallback* callback) = 0;
-    BLACKMAGIC_RAW_UNUSED(PreparePipeline);
-    BLACKMAGIC_RAW_UNUSED(PreparePipelineForDevice);
+    BLACKMAGIC_RAW_UNUSED(PreparePipeline)
+    BLACKMAGIC_RAW_UNUSED(PreparePipelineForDevice)
     /// Returns when every job, those that callbacks submit meanwhile included, has completed and its callback
     /// has returned. After a failure jobs may still wait or run.
     virtual HRESULT STDMETHODCALLTYPE FlushJobs() = 0;

@@ -91,18 +91,13 @@ void JobQueue::setCallback(IBlackmagicRawCallback* callback) {
 }
 
 HRESULT JobQueue::submit(Job& job) {
+    const bool waits = referenceDecoderHas(Manners::submitCompletesFirst);
     const HRESULT result = enqueue(job);
-    if (FAILED(result) || !referenceDecoderHas(Manners::submitCompletesFirst))
-        return result;
-    bool isInCompletion;
-    {
+    if (SUCCEEDED(result) && waits) {
         const Lock::Guard guard(m_lock);
-        isInCompletion = isWorkerThread();
-        while (!isInCompletion && !job.m_isDone)
+        while (!job.m_isDone)
             m_oneDone.wait(m_lock);
     }
-    if (isInCompletion) // whose locks the next one may need
-        Sleep(lateness);
     return result;
 }
 

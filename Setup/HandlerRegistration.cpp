@@ -5,49 +5,33 @@
 #include <shlobj.h>
 
 #include "FileExtensions.h"
+#include "GuardProvider.h"
+#include "GuardValues.h"
 #include "RegistryRows.h"
-#include "SharedValues.h"
 
 namespace {
-#define CLASS_TEXT L"{5b8e2d41-93c7-4f0a-b6e5-2d17c9a4f380}"
-#define CLASS_NAME L"Clipforge Thumbnail Handler"
-#define CLASS_KEY L"Software\\Classes\\CLSID\\" CLASS_TEXT
-#define SERVER_KEY CLASS_KEY L"\\InProcServer32"
 #define TYPE_NAME L"Clipforge.ThumbnailClip"
 #define TYPE_KEY L"Software\\Classes\\" TYPE_NAME
 #define EVENTS_KEY L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\Clipforge Thumbnails"
 
 constexpr wchar_t memoryKey[] = L"Software\\Verdane\\Clipforge\\Registered";
-constexpr wchar_t handlerFile[] = L"Clipforge_Thumbnails.dll";
+constexpr wchar_t guardFile[] = L"Clipforge_Guard.dll";
+constexpr wchar_t iconFile[] = L"Clipforge_Icon.ico";
 
 HKEY rootOf(Scope scope) {
     return scope == Scope::machine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
 }
 
-/// "DisableProcessIsolation" has the shell load the handler in its own process, which a handler that is told
-/// a path needs; machines under a policy load only classes of the approved list.
-std::vector<SharedValue> ownValues(const std::wstring& folder) {
-    return {
-        {L"Class", CLASS_KEY, nullptr, CLASS_NAME},
-        {L"Isolation", CLASS_KEY, L"DisableProcessIsolation", DWORD{1}},
-        {L"Server", SERVER_KEY, nullptr, folder + handlerFile},
-        {L"Threads", SERVER_KEY, L"ThreadingModel", L"Apartment"},
-        {L"Approved", L"Software\\Microsoft\\Windows\\CurrentVersion\\Shell Extensions\\Approved", CLASS_TEXT,
-         CLASS_NAME},
-        {L"Type", TYPE_KEY, nullptr, L"Blackmagic RAW Clip"},
-        {L"TypeIcon", TYPE_KEY L"\\DefaultIcon", nullptr, folder + L"Clipforge_Icon.ico"},
-    };
-}
-
-void addExtensions(std::vector<SharedValue>& values, const std::wstring& folder) {
+/// The file type and the icons, each where nobody has set another.
+void addTypes(std::vector<SharedValue>& values, const std::wstring& icon) {
+    values.push_back({L"Type", TYPE_KEY, nullptr, L"Blackmagic RAW Clip"});
+    values.push_back({L"TypeIcon", TYPE_KEY L"\\DefaultIcon", nullptr, icon});
     for (const FileExtension& extension : fileExtensions) {
         const std::wstring key = std::wstring(L"Software\\Classes\\") + extension.name;
-        if (extension.kind == FileKind::clip) {
-            values.push_back({L"Thumbnails", key + THUMBNAIL_BINDING_KEY, nullptr, CLASS_TEXT});
+        if (extension.kind == FileKind::clip)
             values.push_back({L"ClipType", key, nullptr, TYPE_NAME, true});
-        } else
-            values.push_back(
-                {extension.name, key + L"\\DefaultIcon", nullptr, folder + L"Clipforge_Icon.ico", true});
+        else
+            values.push_back({extension.name, key + L"\\DefaultIcon", nullptr, icon, true});
     }
 }
 
@@ -63,15 +47,15 @@ void addEvents(std::vector<SharedValue>& values) {
 std::wstring registeredFolder(Scope scope) {
     wchar_t path[MAX_PATH] = L"";
     DWORD size = sizeof path;
-    if (RegGetValueW(rootOf(scope), SERVER_KEY, nullptr, RRF_RT_REG_SZ, nullptr, path, &size) !=
-        ERROR_SUCCESS)
+    if (RegGetValueW(rootOf(scope), L"Software\\Classes\\CLSID\\" GUARD_CLSID_TEXT L"\\InProcServer32",
+                     nullptr, RRF_RT_REG_SZ, nullptr, path, &size) != ERROR_SUCCESS)
         return {};
     return folderOf(path);
 }
 
 HRESULT registerHandler(const std::wstring& folder, Scope scope) {
-    std::vector<SharedValue> values = ownValues(folder);
-    addExtensions(values, folder);
+    std::vector<SharedValue> values = guardValues(folder + guardFile);
+    addTypes(values, folder + iconFile);
     if (scope == Scope::machine)
         addEvents(values);
     const HRESULT hr = writeSharedValues(rootOf(scope), memoryKey, values);

@@ -18,3 +18,8 @@ constexpr HRESULT GUARD_E_WORKER_LIED = guardFailure(8); ///< 0x80040C08: its an
 constexpr HRESULT GUARD_E_PICTURE_TOO_LARGE = guardFailure(9); ///< 0x80040C09: for the way to the shell
 constexpr HRESULT GUARD_E_CLIP_KILLS = guardFailure(10); ///< 0x80040C0A: this clip ended a worker before
 constexpr HRESULT GUARD_E_PAUSE = guardFailure(11);      ///< 0x80040C0B: three clips in a row ended a worker
+
+/// Whether the guard failed the thumbnail, and not the handler.
+constexpr bool isGuardFailure(HRESULT hr) {
+    return guardFailure(0) < hr && hr <= GUARD_E_PAUSE;
+}

@@ -5,6 +5,9 @@
 #include <shlwapi.h>
 
 #include "ClassFactory.h"
+#include "GuardFailures.h"
+#include "Utils/vdCloudFile.h"
+#include "Utils/vdFailureEvent.h"
 #include "Utils/vdGuard.h"
 #include "WorkerPool.h"
 
@@ -46,10 +49,15 @@ IFACEMETHODIMP CClipforgeGuardProvider::GetThumbnail(UINT cx, HBITMAP* phbmp, WT
         return E_POINTER;
     *phbmp = nullptr;
     *pdwAlpha = WTSAT_UNKNOWN;
-    return guardBoundary([&] {
+    if (isSparedCloudFile(m_path.c_str()))
+        return E_FAIL;
+    const HRESULT hr = guardBoundary([&] {
         WorkerReply reply = askWorkers(m_path, cx);
         *phbmp = reply.bitmap.release();
         *pdwAlpha = reply.alpha;
         return reply.result;
     });
+    if (isGuardFailure(hr)) // of the others the handler has told
+        reportFailure({m_path.c_str(), L"asking a worker", hr});
+    return hr;
 }

@@ -7,6 +7,9 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
+/// In the order in which they are tried: the installer registers the guard alone.
+constexpr CLSID ourClasses[] = {CLSID_ClipforgeThumbnails, CLSID_ClipforgeGuardedThumbnails};
+
 HRESULT lastError() {
     return HRESULT_FROM_WIN32(GetLastError());
 }
@@ -15,8 +18,12 @@ HRESULT createHandler(const HandlerLibrary* library, IInitializeWithFile** handl
     void** const object = reinterpret_cast<void**>(handler);
     if (library != nullptr)
         return library->createHandler(IID_IInitializeWithFile, object);
-    return CoCreateInstance(CLSID_ClipforgeThumbnails, nullptr, CLSCTX_INPROC_SERVER, IID_IInitializeWithFile,
-                            object);
+    HRESULT result = REGDB_E_CLASSNOTREG;
+    for (const CLSID& classId : ourClasses)
+        if (result == REGDB_E_CLASSNOTREG)
+            result =
+                CoCreateInstance(classId, nullptr, CLSCTX_INPROC_SERVER, IID_IInitializeWithFile, object);
+    return result;
 }
 
 } // namespace
@@ -32,7 +39,7 @@ HRESULT HandlerLibrary::createHandler(REFIID riid, void** object) const {
         return lastError();
     ComPtr<IClassFactory> factory;
     HRESULT result = CLASS_E_CLASSNOTAVAILABLE;
-    for (const CLSID& classId : {CLSID_ClipforgeThumbnails, CLSID_ClipforgeGuardedThumbnails})
+    for (const CLSID& classId : ourClasses)
         if (result == CLASS_E_CLASSNOTAVAILABLE)
             result = getClassObject(classId, IID_IClassFactory,
                                     reinterpret_cast<void**>(factory.ReleaseAndGetAddressOf()));

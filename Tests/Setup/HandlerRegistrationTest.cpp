@@ -10,9 +10,9 @@
 
 namespace {
 constexpr wchar_t binding[] = L"Software\\Classes\\.braw\\ShellEx\\{e357fccd-a995-4576-b01f-234630154e96}";
-constexpr wchar_t ourClass[] = L"{5b8e2d41-93c7-4f0a-b6e5-2d17c9a4f380}";
+constexpr wchar_t ourClass[] = L"{0c6f4a97-51d2-4e83-a0b9-7be4d25c8a16}";
 constexpr wchar_t ourServer[] =
-    L"Software\\Classes\\CLSID\\{5b8e2d41-93c7-4f0a-b6e5-2d17c9a4f380}\\InProcServer32";
+    L"Software\\Classes\\CLSID\\{0c6f4a97-51d2-4e83-a0b9-7be4d25c8a16}\\InProcServer32";
 
 /// Every key, with an empty name, and every value with its type and bytes.
 using Picture = std::map<std::wstring, std::vector<BYTE>>;
@@ -107,7 +107,7 @@ TEST_P(HandlerRegistration, LeavesEverythingAsItWas) {
         EXPECT_EQ(L"(nothing)",
                   textOf(m_root, L"Software\\Classes\\Clipforge.ThumbnailClip\\shell\\open\\command"));
         EXPECT_EQ(S_OK, registerHandler(L"C:\\two\\", GetParam())) << "an upgrade";
-        EXPECT_EQ(L"C:\\two\\Clipforge_Thumbnails.dll", textOf(m_root, ourServer));
+        EXPECT_EQ(L"C:\\two\\Clipforge_Guard.dll", textOf(m_root, ourServer));
         EXPECT_EQ(S_OK, unregisterHandler(GetParam()));
         EXPECT_EQ(before, photograph());
         EXPECT_EQ(S_OK, unregisterHandler(GetParam()));

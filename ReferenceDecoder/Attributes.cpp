@@ -162,9 +162,6 @@ class Post3DLut : public Object<"IBlackmagicRawPost3DLUT", IBlackmagicRawPost3DL
 public:
     explicit Post3DLut(std::shared_ptr<ClipLut> lut) : m_lut(std::move(lut)) {}
 
-    REFERENCE_DECODER_UNUSED(GetName)
-    REFERENCE_DECODER_UNUSED(GetTitle)
-    REFERENCE_DECODER_UNUSED(GetSize)
     HRESULT STDMETHODCALLTYPE GetResourceGPU(void* context, void* commandQueue,
                                              BlackmagicRawResourceType* type, void** resource) override {
         return cross<"IBlackmagicRawPost3DLUT::GetResourceGPU">(

@@ -23,7 +23,6 @@ class ClipAttributes
 public:
     explicit ClipAttributes(std::shared_ptr<ClipLut> lut) : m_lut(std::move(lut)) {}
 
-    REFERENCE_DECODER_UNUSED(GetClipAttribute)
     HRESULT STDMETHODCALLTYPE SetClipAttribute(BlackmagicRawClipProcessingAttribute attribute,
                                                VARIANT* value) override;
     HRESULT STDMETHODCALLTYPE GetClipAttributeRange(BlackmagicRawClipProcessingAttribute attribute,
@@ -32,7 +31,6 @@ public:
     HRESULT STDMETHODCALLTYPE GetClipAttributeList(BlackmagicRawClipProcessingAttribute attribute,
                                                    VARIANT* array, uint32_t* elementCount,
                                                    BOOL* isReadOnly) override;
-    REFERENCE_DECODER_UNUSED(GetISOList)
     HRESULT STDMETHODCALLTYPE GetPost3DLUT(IBlackmagicRawPost3DLUT** lut) override;
 
 protected:
@@ -45,7 +43,6 @@ private:
 class FrameAttributes
     : public Object<"IBlackmagicRawFrameProcessingAttributes", IBlackmagicRawFrameProcessingAttributes> {
 public:
-    REFERENCE_DECODER_UNUSED(GetFrameAttribute)
     HRESULT STDMETHODCALLTYPE SetFrameAttribute(BlackmagicRawFrameProcessingAttribute attribute,
                                                 VARIANT* value) override;
     HRESULT STDMETHODCALLTYPE GetFrameAttributeRange(BlackmagicRawFrameProcessingAttribute attribute,

@@ -18,15 +18,9 @@ public:
     HRESULT STDMETHODCALLTYPE GetHeight(uint32_t* height) override;
     HRESULT STDMETHODCALLTYPE GetFrameRate(float* frameRate) override;
     HRESULT STDMETHODCALLTYPE GetFrameCount(uint64_t* frameCount) override;
-    REFERENCE_DECODER_UNUSED(GetTimecodeForFrame)
-    REFERENCE_DECODER_UNUSED(GetMetadataIterator)
-    REFERENCE_DECODER_UNUSED(GetMetadata)
-    REFERENCE_DECODER_UNUSED(SetMetadata)
-    REFERENCE_DECODER_UNUSED(GetCameraType)
     HRESULT STDMETHODCALLTYPE
     CloneClipProcessingAttributes(IBlackmagicRawClipProcessingAttributes** attributes) override;
 
-    REFERENCE_DECODER_UNUSED(GetMaxBitStreamSizeBytes)
     HRESULT STDMETHODCALLTYPE GetBitStreamSizeBytes(uint64_t frameIndex, uint32_t* sizeBytes) override;
     HRESULT STDMETHODCALLTYPE CreateJobReadFrame(uint64_t frameIndex, void* bitStream,
                                                  uint32_t bitStreamSizeBytes,

@@ -10,14 +10,11 @@ public:
     Configuration(Counted& object, IUnknown& identity, CodecState& codec)
         : Facet(object, identity), m_codec(codec) {}
 
-    REFERENCE_DECODER_UNUSED(SetPipeline)
     HRESULT STDMETHODCALLTYPE GetPipeline(BlackmagicRawPipeline* pipeline, void** context,
                                           void** commandQueue) override;
     HRESULT STDMETHODCALLTYPE IsPipelineSupported(BlackmagicRawPipeline pipeline, BOOL* isSupported) override;
-    REFERENCE_DECODER_UNUSED(SetCPUThreads)
     HRESULT STDMETHODCALLTYPE GetCPUThreads(uint32_t* threadCount) override;
     HRESULT STDMETHODCALLTYPE GetMaxCPUThreadCount(uint32_t* threadCount) override;
-    REFERENCE_DECODER_UNUSED(SetWriteMetadataPerFrame)
     HRESULT STDMETHODCALLTYPE GetWriteMetadataPerFrame(BOOL* writePerFrame) override;
     HRESULT STDMETHODCALLTYPE SetFromDevice(IBlackmagicRawPipelineDevice* device) override;
     HRESULT STDMETHODCALLTYPE GetVersion(BSTR* version) override;
@@ -41,8 +38,6 @@ public:
     HRESULT STDMETHODCALLTYPE OpenClipWithGeometry(BSTR fileName, IBlackmagicRawClipGeometry* geometry,
                                                    IBlackmagicRawClip** clip) override;
     HRESULT STDMETHODCALLTYPE SetCallback(IBlackmagicRawCallback* callback) override;
-    REFERENCE_DECODER_UNUSED(PreparePipeline)
-    REFERENCE_DECODER_UNUSED(PreparePipelineForDevice)
     HRESULT STDMETHODCALLTYPE FlushJobs() override;
 
 protected:

@@ -102,7 +102,6 @@ public:
     HRESULT STDMETHODCALLTYPE GetHeight(uint32_t* height) override {
         return give<"IBlackmagicRawProcessedImage::GetHeight">(height, m_state.height());
     }
-    REFERENCE_DECODER_UNUSED(GetResource)
     HRESULT STDMETHODCALLTYPE GetResourceType(BlackmagicRawResourceType* type) override {
         return give<"IBlackmagicRawProcessedImage::GetResourceType">(type, m_type);
     }

@@ -25,7 +25,6 @@ public:
         uint32_t frameStateSizeBytes) override;
     HRESULT STDMETHODCALLTYPE GetDecodedSizeBytes(void* frameState, uint32_t* sizeBytes) override;
     HRESULT STDMETHODCALLTYPE GetProcessedSizeBytes(void* frameState, uint32_t* sizeBytes) override;
-    REFERENCE_DECODER_UNUSED(GetPost3DLUTSizeBytes)
     HRESULT STDMETHODCALLTYPE CreateJobDecode(void* frameState, void* bitStream, void* decoded,
                                               IBlackmagicRawJob** job) override;
 

@@ -16,15 +16,9 @@ public:
     uint32_t factor() const { return m_factor; }
     BlackmagicRawResourceFormat format() const { return m_format; }
 
-    REFERENCE_DECODER_UNUSED(GetFrameIndex)
-    REFERENCE_DECODER_UNUSED(GetTimecode)
-    REFERENCE_DECODER_UNUSED(GetMetadataIterator)
-    REFERENCE_DECODER_UNUSED(GetMetadata)
-    REFERENCE_DECODER_UNUSED(SetMetadata)
     HRESULT STDMETHODCALLTYPE
     CloneFrameProcessingAttributes(IBlackmagicRawFrameProcessingAttributes** attributes) override;
     HRESULT STDMETHODCALLTYPE SetResolutionScale(BlackmagicRawResolutionScale scale) override;
-    REFERENCE_DECODER_UNUSED(GetResolutionScale)
     HRESULT STDMETHODCALLTYPE SetResourceFormat(BlackmagicRawResourceFormat format) override;
 
 private:

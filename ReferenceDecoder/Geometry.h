@@ -10,11 +10,7 @@ public:
     bool usesOrientation() const { return m_usesOrientation; }
     bool isFlippedVertically() const { return m_isFlippedVertically; }
 
-    REFERENCE_DECODER_UNUSED(GetOrientationMode)
     HRESULT STDMETHODCALLTYPE SetOrientationMode(BlackmagicRawGeometryMode mode) override;
-    REFERENCE_DECODER_UNUSED(GetHorizontalFlip)
-    REFERENCE_DECODER_UNUSED(SetHorizontalFlip)
-    REFERENCE_DECODER_UNUSED(GetVerticalFlip)
     HRESULT STDMETHODCALLTYPE SetVerticalFlip(BlackmagicRawGeometryMode mode) override;
 
 private:

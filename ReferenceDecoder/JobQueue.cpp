@@ -91,13 +91,18 @@ void JobQueue::setCallback(IBlackmagicRawCallback* callback) {
 }
 
 HRESULT JobQueue::submit(Job& job) {
-    const bool waits = referenceDecoderHas(Manners::submitCompletesFirst);
     const HRESULT result = enqueue(job);
-    if (SUCCEEDED(result) && waits) {
+    if (FAILED(result) || !referenceDecoderHas(Manners::submitCompletesFirst))
+        return result;
+    bool isInCompletion;
+    {
         const Lock::Guard guard(m_lock);
-        while (!job.m_isDone)
+        isInCompletion = isWorkerThread();
+        while (!isInCompletion && !job.m_isDone)
             m_oneDone.wait(m_lock);
     }
+    if (isInCompletion) // whose locks the next one may need
+        Sleep(lateness);
     return result;
 }
 

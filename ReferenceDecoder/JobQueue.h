@@ -19,7 +19,6 @@ public:
     explicit Job(std::shared_ptr<JobQueue> queue) : m_queue(std::move(queue)) {}
 
     HRESULT STDMETHODCALLTYPE Submit() override;
-    REFERENCE_DECODER_UNUSED(Abort)
     HRESULT STDMETHODCALLTYPE SetUserData(void* userData) override;
     HRESULT STDMETHODCALLTYPE GetUserData(void** userData) override;
 

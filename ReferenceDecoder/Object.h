@@ -65,12 +65,6 @@ HRESULT crossIntoObject(const Counted& object, Work&& work, Output*... outputs) 
         outputs...);
 }
 
-/// An operation that stands in the contract for its slot only.
-#define REFERENCE_DECODER_UNUSED(name)                                                                       \
-    HRESULT STDMETHODCALLTYPE name() override {                                                              \
-        return E_NOTIMPL;                                                                                    \
-    }
-
 /// An object behind one or more interfaces; `name` is the one that its QueryInterface is recorded under.
 template <CallName name, class First, class... More>
 class Object : public Counted, public First, public More... {

@@ -19,8 +19,6 @@ public:
     explicit Device(const Pipeline& pipeline) : m_pipeline(pipeline) {}
     const Pipeline& pipeline() const { return m_pipeline; }
 
-    REFERENCE_DECODER_UNUSED(SetBestInstructionSet)
-    REFERENCE_DECODER_UNUSED(SetInstructionSet)
     HRESULT STDMETHODCALLTYPE GetInstructionSet(BlackmagicRawInstructionSet* instructionSet) override;
     HRESULT STDMETHODCALLTYPE GetIndex(uint32_t* deviceIndex) override;
     HRESULT STDMETHODCALLTYPE GetName(BSTR* name) override;
@@ -38,9 +36,6 @@ class DeviceIterator
 public:
     explicit DeviceIterator(const Pipeline& pipeline) : m_pipeline(pipeline) {}
 
-    REFERENCE_DECODER_UNUSED(Next)
-    REFERENCE_DECODER_UNUSED(GetPipeline)
-    REFERENCE_DECODER_UNUSED(GetInterop)
     HRESULT STDMETHODCALLTYPE CreateDevice(IBlackmagicRawPipelineDevice** device) override;
 
 private:
@@ -50,8 +45,6 @@ private:
 class PipelineIterator : public Object<"IBlackmagicRawPipelineIterator", IBlackmagicRawPipelineIterator> {
 public:
     HRESULT STDMETHODCALLTYPE Next() override;
-    REFERENCE_DECODER_UNUSED(GetName)
-    REFERENCE_DECODER_UNUSED(GetInterop)
     HRESULT STDMETHODCALLTYPE GetPipeline(BlackmagicRawPipeline* pipeline) override;
 
 private:

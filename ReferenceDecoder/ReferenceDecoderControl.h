@@ -16,7 +16,7 @@ enum class ReferenceDecoderManners : uint32_t {
     callbackIsNotCounted = 1 << 1,      ///< the codec keeps its callback without a reference
     lastReleaseDoesNotWait = 1 << 2,    ///< jobs run on, and call back, after the codec's last release
     threadsDoNotHoldLibrary = 1 << 3,   ///< unloading takes the code from under threads that still run
-    submitCompletesFirst = 1 << 4,      ///< Submit returns after the completion has returned
+    submitCompletesFirst = 1 << 4,      ///< Submit returns after the completion has; in one, after it began
     changingThreads = 1 << 5,           ///< each job and its completion on a thread of its own
     lateCompletions = 1 << 6,           ///< some time passes between a job's work and its completion
     ascendingResolutions = 1 << 7,      ///< the smallest first

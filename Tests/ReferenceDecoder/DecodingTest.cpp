@@ -88,7 +88,9 @@ TEST_F(DecodingTest, MannersChangeNothingForWhoKeepsTheContract) {
         ok(decoder.open(clipFile(clip), &opened));
         for (Request& request : requests)
             decoder.submit(opened.Get(), request);
-        EXPECT_EQ(requests[1].width == clip.width, manners & Manners::submitCompletesFirst);
+        if (manners & Manners::submitCompletesFirst) {
+            EXPECT_NE(requests[1].result, E_PENDING);
+        }
         ok(decoder.codec->FlushJobs());
         for (Request& request : requests)
             EXPECT_EQ(wrongPixels(request, clip, 1, false), 0u);

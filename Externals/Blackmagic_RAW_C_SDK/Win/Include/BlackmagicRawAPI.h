@@ -1,13 +1,25 @@
 // The decoder library's interfaces, as far as this product uses them.
 //
 // The layout below is a contract: any decoder library compiled against this header works with the handler
-// unchanged. README.md beside this file lists every interface with each slot and identifier, and says which
-// are given and which are of our choosing.
+// unchanged. The product itself knows operations by their names alone; README.md beside this file says how it
+// is built with the maker's declarations instead of these, and what in these is certain.
 //
-// Conventions: every operation returns an HRESULT (negative on failure) unless stated; an interface handed
-// out through a `**` argument carries one reference that the caller releases; BSTRs handed out are freed by
-// the caller; sizes are bytes, picture sizes are pixels. Flags are BOOL: wide enough for a library that
-// writes one byte and for one that writes four, as long as they start at 0.
+// Conventions: every operation returns an HRESULT unless stated. Any HRESULT that is not negative is a
+// success, except where "S_OK alone" stands: there every other code counts as a failure. A failed operation
+// leaves its outputs as they were, or 0 or null; so does one that succeeds without having anything to give.
+// An interface handed out through a `**` argument carries one reference that the caller releases; BSTRs
+// handed out are freed by the caller; sizes are bytes, picture sizes are pixels. Flags are BOOL: wide enough
+// for a library that writes one byte and for one that writes four, as long as they start at 0. QueryInterface
+// gives S_OK alone.
+//
+// Threads: an object may be called on any thread, but the handler calls none from two threads at once, other
+// than jobs and the manual decoders. Completions come on the library's own threads.
+//
+// Lives: the handler releases clips, decoders, resource manager and configuration, then the codec, and
+// unloads the library after that. Anything of the library may hold a reference to the codec, and so keep it
+// alive for longer. Whoever's release is the last one, on whatever thread, ends it; that release may wait for
+// the library's threads or not. Once FlushJobs has succeeded and the codec is gone, no thread may be inside
+// the library any more, unless it keeps the library loaded itself.
 #pragma once
 
 #include <cstdint>
@@ -47,9 +59,12 @@ inline constexpr BlackmagicRawResourceType blackmagicRawResourceTypeBufferMetal 
 inline constexpr BlackmagicRawResourceType blackmagicRawResourceTypeBufferOpenCL = fourCharacterCode("oclb");
 
 using BlackmagicRawResourceUsage = uint32_t;
-inline constexpr BlackmagicRawResourceUsage blackmagicRawResourceUsageReadCPUWriteCPU = fourCharacterCode("rcwc");
-inline constexpr BlackmagicRawResourceUsage blackmagicRawResourceUsageReadGPUWriteCPU = fourCharacterCode("rgwc");
-inline constexpr BlackmagicRawResourceUsage blackmagicRawResourceUsageReadGPUWriteGPU = fourCharacterCode("rgwg");
+inline constexpr BlackmagicRawResourceUsage blackmagicRawResourceUsageReadCPUWriteCPU =
+    fourCharacterCode("rcwc");
+inline constexpr BlackmagicRawResourceUsage blackmagicRawResourceUsageReadGPUWriteCPU =
+    fourCharacterCode("rgwc");
+inline constexpr BlackmagicRawResourceUsage blackmagicRawResourceUsageReadGPUWriteGPU =
+    fourCharacterCode("rgwg");
 
 /// Pixel layouts of a processed image: the channels in memory order, unsigned 8 or 16 bit or 32-bit float.
 using BlackmagicRawResourceFormat = uint32_t;
@@ -58,9 +73,11 @@ inline constexpr BlackmagicRawResourceFormat blackmagicRawResourceFormatBGRAU8 =
 inline constexpr BlackmagicRawResourceFormat blackmagicRawResourceFormatRGBAU16 = fourCharacterCode("16al");
 inline constexpr BlackmagicRawResourceFormat blackmagicRawResourceFormatBGRAU16 = fourCharacterCode("16la");
 inline constexpr BlackmagicRawResourceFormat blackmagicRawResourceFormatRGBU16 = fourCharacterCode("16il");
-inline constexpr BlackmagicRawResourceFormat blackmagicRawResourceFormatRGBU16Planar = fourCharacterCode("16pl");
+inline constexpr BlackmagicRawResourceFormat blackmagicRawResourceFormatRGBU16Planar =
+    fourCharacterCode("16pl");
 inline constexpr BlackmagicRawResourceFormat blackmagicRawResourceFormatRGBF32 = fourCharacterCode("f32s");
-inline constexpr BlackmagicRawResourceFormat blackmagicRawResourceFormatRGBF32Planar = fourCharacterCode("f32p");
+inline constexpr BlackmagicRawResourceFormat blackmagicRawResourceFormatRGBF32Planar =
+    fourCharacterCode("f32p");
 inline constexpr BlackmagicRawResourceFormat blackmagicRawResourceFormatBGRAF32 = fourCharacterCode("f32a");
 
 using BlackmagicRawResolutionScale = uint32_t;
@@ -77,25 +94,38 @@ inline constexpr BlackmagicRawGeometryMode blackmagicRawGeometryFlipHorizontal =
 inline constexpr BlackmagicRawGeometryMode blackmagicRawGeometryFlipVertical = fourCharacterCode("flpy");
 
 using BlackmagicRawClipProcessingAttribute = uint32_t;
-inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipColorScienceGen = fourCharacterCode("csgn");
+inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipColorScienceGen =
+    fourCharacterCode("csgn");
 inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipGamut = fourCharacterCode("gamt");
-inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipGamutCompression = fourCharacterCode("gace");
+inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipGamutCompression =
+    fourCharacterCode("gace");
 inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipGamma = fourCharacterCode("gama");
-inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveContrast = fourCharacterCode("tcon");
-inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveSaturation = fourCharacterCode("tsat");
-inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveMidpoint = fourCharacterCode("tmid");
-inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveHighlights = fourCharacterCode("thih");
-inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveShadows = fourCharacterCode("tsha");
-inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveWhiteLevel = fourCharacterCode("twit");
-inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveBlackLevel = fourCharacterCode("tblk");
-inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveVideoBlackLevel = fourCharacterCode("tvbl");
-inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipHighlightRecovery = fourCharacterCode("hlry");
+inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveContrast =
+    fourCharacterCode("tcon");
+inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveSaturation =
+    fourCharacterCode("tsat");
+inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveMidpoint =
+    fourCharacterCode("tmid");
+inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveHighlights =
+    fourCharacterCode("thih");
+inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveShadows =
+    fourCharacterCode("tsha");
+inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveWhiteLevel =
+    fourCharacterCode("twit");
+inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveBlackLevel =
+    fourCharacterCode("tblk");
+inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipToneCurveVideoBlackLevel =
+    fourCharacterCode("tvbl");
+inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipHighlightRecovery =
+    fourCharacterCode("hlry");
 inline constexpr BlackmagicRawClipProcessingAttribute blackmagicRawClipLUTMode = fourCharacterCode("lutm");
 
 using BlackmagicRawFrameProcessingAttribute = uint32_t;
 inline constexpr BlackmagicRawFrameProcessingAttribute blackmagicRawFrameISO = fourCharacterCode("fiso");
-inline constexpr BlackmagicRawFrameProcessingAttribute blackmagicRawFrameWhiteBalanceKelvin = fourCharacterCode("wbkv");
-inline constexpr BlackmagicRawFrameProcessingAttribute blackmagicRawFrameWhiteBalanceTint = fourCharacterCode("wbtn");
+inline constexpr BlackmagicRawFrameProcessingAttribute blackmagicRawFrameWhiteBalanceKelvin =
+    fourCharacterCode("wbkv");
+inline constexpr BlackmagicRawFrameProcessingAttribute blackmagicRawFrameWhiteBalanceTint =
+    fourCharacterCode("wbtn");
 inline constexpr BlackmagicRawFrameProcessingAttribute blackmagicRawFrameExposure = fourCharacterCode("expo");
 
 struct IBlackmagicRaw;
@@ -110,21 +140,29 @@ struct IBlackmagicRawPost3DLUT;
 struct IBlackmagicRawProcessedImage;
 struct IBlackmagicRawResourceManager;
 
-/// Operations that stand in a slot before one that is used, and are never called by the handler. A decoder
-/// library implements them as it likes; E_NOTIMPL will do.
-#define BLACKMAGIC_RAW_UNUSED(name) virtual HRESULT STDMETHODCALLTYPE name() = 0
+/// Operations that stand in a slot before one that is used, and are never called by the handler. Their
+/// arguments are not known here.
+#define BLACKMAGIC_RAW_UNUSED(name)                                                                          \
+    virtual HRESULT STDMETHODCALLTYPE name() {                                                               \
+        return E_NOTIMPL;                                                                                    \
+    }
 
-/// A unit of asynchronous work. The submitter's reference may be released as soon as Submit has returned.
+/// A unit of asynchronous work. The submitter's reference may be released as soon as Submit has returned; the
+/// library keeps the job until its completion has returned. The buffers that the caller gave stay until then.
 struct IBlackmagicRawJob : IUnknown {
+    /// Starts the work, once. The completion may come before Submit has returned, but on another thread, and
+    /// Submit must not wait for it: the submitter may hold a lock that the completion needs. After a failure
+    /// there is no completion.
     virtual HRESULT STDMETHODCALLTYPE Submit() = 0;
-    BLACKMAGIC_RAW_UNUSED(Abort);
+    BLACKMAGIC_RAW_UNUSED(Abort)
     virtual HRESULT STDMETHODCALLTYPE SetUserData(void* userData) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetUserData(void** userData) = 0;
 };
 
 /// Clip-wide processing settings. `array` may be null where only the element count and the flag are wanted.
 struct IBlackmagicRawClipProcessingAttributes : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(GetClipAttribute);
+    BLACKMAGIC_RAW_UNUSED(GetClipAttribute)
+    /// S_OK alone, in these three: what is not set is asked about, by the range first.
     virtual HRESULT STDMETHODCALLTYPE SetClipAttribute(BlackmagicRawClipProcessingAttribute attribute,
                                                        VARIANT* value) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetClipAttributeRange(BlackmagicRawClipProcessingAttribute attribute,
@@ -133,14 +171,15 @@ struct IBlackmagicRawClipProcessingAttributes : IUnknown {
     virtual HRESULT STDMETHODCALLTYPE GetClipAttributeList(BlackmagicRawClipProcessingAttribute attribute,
                                                            VARIANT* array, uint32_t* elementCount,
                                                            BOOL* isReadOnly) = 0;
-    BLACKMAGIC_RAW_UNUSED(GetISOList);
+    BLACKMAGIC_RAW_UNUSED(GetISOList)
     /// Success with a null LUT: the clip has none.
     virtual HRESULT STDMETHODCALLTYPE GetPost3DLUT(IBlackmagicRawPost3DLUT** lut) = 0;
 };
 
 /// Per-frame processing settings.
 struct IBlackmagicRawFrameProcessingAttributes : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(GetFrameAttribute);
+    BLACKMAGIC_RAW_UNUSED(GetFrameAttribute)
+    /// S_OK alone, in these four.
     virtual HRESULT STDMETHODCALLTYPE SetFrameAttribute(BlackmagicRawFrameProcessingAttribute attribute,
                                                         VARIANT* value) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetFrameAttributeRange(BlackmagicRawFrameProcessingAttribute attribute,
@@ -153,45 +192,59 @@ struct IBlackmagicRawFrameProcessingAttributes : IUnknown {
                                                  BOOL* isReadOnly) = 0;
 };
 
-/// A clip's 3D LUT. Its resources belong to the LUT's clip and live as long as it.
+/// A clip's 3D LUT. Its resources are its own, and live as long as it or its clip.
 struct IBlackmagicRawPost3DLUT : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(GetName);
-    BLACKMAGIC_RAW_UNUSED(GetTitle);
-    BLACKMAGIC_RAW_UNUSED(GetSize);
+    BLACKMAGIC_RAW_UNUSED(GetName)
+    BLACKMAGIC_RAW_UNUSED(GetTitle)
+    BLACKMAGIC_RAW_UNUSED(GetSize)
     virtual HRESULT STDMETHODCALLTYPE GetResourceGPU(void* context, void* commandQueue,
                                                      BlackmagicRawResourceType* type, void** resource) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetResourceCPU(void** resource) = 0;
 };
 
-/// A frame that a read job delivered; valid during the callback and as long as a reference is held.
+/// A frame that a read job delivered; valid during the callback and as long as a reference is held. Scale and
+/// format are set before the frame state is populated, which takes them over.
 struct IBlackmagicRawFrame : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(GetFrameIndex);
-    BLACKMAGIC_RAW_UNUSED(GetTimecode);
-    BLACKMAGIC_RAW_UNUSED(GetMetadataIterator);
-    BLACKMAGIC_RAW_UNUSED(GetMetadata);
-    BLACKMAGIC_RAW_UNUSED(SetMetadata);
+    BLACKMAGIC_RAW_UNUSED(GetFrameIndex)
+    BLACKMAGIC_RAW_UNUSED(GetTimecode)
+    BLACKMAGIC_RAW_UNUSED(GetMetadataIterator)
+    BLACKMAGIC_RAW_UNUSED(GetMetadata)
+    BLACKMAGIC_RAW_UNUSED(SetMetadata)
     virtual HRESULT STDMETHODCALLTYPE
     CloneFrameProcessingAttributes(IBlackmagicRawFrameProcessingAttributes** attributes) = 0;
     virtual HRESULT STDMETHODCALLTYPE SetResolutionScale(BlackmagicRawResolutionScale scale) = 0;
-    BLACKMAGIC_RAW_UNUSED(GetResolutionScale);
+    BLACKMAGIC_RAW_UNUSED(GetResolutionScale)
+    /// S_OK alone: after another success the resolution scale is not set.
     virtual HRESULT STDMETHODCALLTYPE SetResourceFormat(BlackmagicRawResourceFormat format) = 0;
 };
 
 /// The result of a process job; valid during the callback.
+///
+/// The image begins at the start of the buffer that the job was given. Rows follow each other without
+/// padding, each as wide as the image times the format's bytes per pixel; the caller asks the codec's clips
+/// for bottom row first. What the buffer holds beyond the last row is ignored. Alpha is opaque, or what the
+/// picture has: a thumbnail's is blended by it.
 struct IBlackmagicRawProcessedImage : IUnknown {
+    /// The image's own sides, after turning and scaling.
     virtual HRESULT STDMETHODCALLTYPE GetWidth(uint32_t* width) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetHeight(uint32_t* height) = 0;
-    BLACKMAGIC_RAW_UNUSED(GetResource);
+    BLACKMAGIC_RAW_UNUSED(GetResource)
     virtual HRESULT STDMETHODCALLTYPE GetResourceType(BlackmagicRawResourceType* type) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetResourceFormat(BlackmagicRawResourceFormat* format) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetResourceSizeBytes(uint32_t* sizeBytes) = 0;
 };
 
-/// Notifications, called by the library on its own worker threads.
+/// Notifications, called by the library on threads of its own: on one or on many, at once or late, for
+/// several jobs at the same time. Each submitted job is completed exactly once, with the job's submitter free
+/// to submit others from within. The library may count its callback, or not: the handler keeps it until the
+/// codec is gone.
 struct IBlackmagicRawCallback : IUnknown {
+    /// `result`: S_OK alone; after another success the frame's format and scale are not set. After a failure
+    /// `frame` is null or a frame; it is not used.
     virtual void STDMETHODCALLTYPE ReadComplete(IBlackmagicRawJob* job, HRESULT result,
                                                 IBlackmagicRawFrame* frame) = 0;
     virtual void STDMETHODCALLTYPE DecodeComplete(IBlackmagicRawJob* job, HRESULT result) = 0;
+    /// After a failure `processedImage` is null or an image; it is not used.
     virtual void STDMETHODCALLTYPE ProcessComplete(IBlackmagicRawJob* job, HRESULT result,
                                                    IBlackmagicRawProcessedImage* processedImage) = 0;
     /// `progress` runs from 0 to 1.
@@ -204,31 +257,36 @@ struct IBlackmagicRawCallback : IUnknown {
     virtual void STDMETHODCALLTYPE PreparePipelineComplete(void* userData, HRESULT result) = 0;
 };
 
+/// An opened clip. The file may be closed once the clip and its jobs are gone.
 struct IBlackmagicRawClip : IUnknown {
+    /// The full picture's sides: as it is stored or as it is shown, where the two differ.
     virtual HRESULT STDMETHODCALLTYPE GetWidth(uint32_t* width) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetHeight(uint32_t* height) = 0;
     /// Frames per second.
     virtual HRESULT STDMETHODCALLTYPE GetFrameRate(float* frameRate) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetFrameCount(uint64_t* frameCount) = 0;
-    BLACKMAGIC_RAW_UNUSED(GetTimecodeForFrame);
-    BLACKMAGIC_RAW_UNUSED(GetMetadataIterator);
-    BLACKMAGIC_RAW_UNUSED(GetMetadata);
-    BLACKMAGIC_RAW_UNUSED(SetMetadata);
-    BLACKMAGIC_RAW_UNUSED(GetCameraType);
+    BLACKMAGIC_RAW_UNUSED(GetTimecodeForFrame)
+    BLACKMAGIC_RAW_UNUSED(GetMetadataIterator)
+    BLACKMAGIC_RAW_UNUSED(GetMetadata)
+    BLACKMAGIC_RAW_UNUSED(SetMetadata)
+    BLACKMAGIC_RAW_UNUSED(GetCameraType)
     virtual HRESULT STDMETHODCALLTYPE
     CloneClipProcessingAttributes(IBlackmagicRawClipProcessingAttributes** attributes) = 0;
 };
 
 /// Extended clip operations, for reading a frame into the caller's own buffer.
 struct IBlackmagicRawClipEx : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(GetMaxBitStreamSizeBytes);
+    BLACKMAGIC_RAW_UNUSED(GetMaxBitStreamSizeBytes)
+    /// Also asked for frame 0 to see whether the clip still works.
     virtual HRESULT STDMETHODCALLTYPE GetBitStreamSizeBytes(uint64_t frameIndex, uint32_t* sizeBytes) = 0;
     virtual HRESULT STDMETHODCALLTYPE CreateJobReadFrame(uint64_t frameIndex, void* bitStream,
                                                          uint32_t bitStreamSizeBytes,
                                                          IBlackmagicRawJob** job) = 0;
 };
 
-/// The picture sizes that a clip can be decoded at.
+/// The picture sizes that a clip can be decoded at, in any order; one may come twice, and one is the full
+/// size. Each leads to a scale that leads back to just this size. Sides are those of the picture as it is
+/// stored or as it is shown, in all of these operations the same; the processed image is turned all the same.
 struct IBlackmagicRawClipResolutions : IUnknown {
     virtual HRESULT STDMETHODCALLTYPE GetResolutionCount(uint32_t* count) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetResolution(uint32_t index, uint32_t* width, uint32_t* height) = 0;
@@ -238,19 +296,21 @@ struct IBlackmagicRawClipResolutions : IUnknown {
                                                                    BlackmagicRawResolutionScale* scale) = 0;
 };
 
-/// How a clip's picture is turned when it is decoded. The orientation setter (slot 4) takes 'dsbl' or 'meta';
-/// the vertical-flip setter (slot 8) takes 'dsbl' or 'flpy'.
+/// How a clip's picture is turned when it is decoded: made upright first, then mirrored. The orientation
+/// setter takes 'dsbl' or 'meta'; the vertical-flip setter takes 'dsbl' or 'flpy'. Their results are not
+/// looked at. A clip takes over what is set when it is opened; the object may be used for another one later.
 struct IBlackmagicRawClipGeometry : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(GetOrientationMode);
+    BLACKMAGIC_RAW_UNUSED(GetOrientationMode)
     virtual HRESULT STDMETHODCALLTYPE SetOrientationMode(BlackmagicRawGeometryMode mode) = 0;
-    BLACKMAGIC_RAW_UNUSED(GetHorizontalFlip);
-    BLACKMAGIC_RAW_UNUSED(SetHorizontalFlip);
-    BLACKMAGIC_RAW_UNUSED(GetVerticalFlip);
+    BLACKMAGIC_RAW_UNUSED(GetHorizontalFlip)
+    BLACKMAGIC_RAW_UNUSED(SetHorizontalFlip)
+    BLACKMAGIC_RAW_UNUSED(GetVerticalFlip)
     virtual HRESULT STDMETHODCALLTYPE SetVerticalFlip(BlackmagicRawGeometryMode mode) = 0;
 };
 
 /// Creates, releases and copies the memory that jobs work on. `context` and `commandQueue` are those of the
-/// GPU pipeline, null for host buffers.
+/// GPU pipeline, null for host buffers. It is kept until the last resource is given back, which may be after
+/// the codec was released.
 struct IBlackmagicRawResourceManager : IUnknown {
     virtual HRESULT STDMETHODCALLTYPE CreateResource(void* context, void* commandQueue, uint32_t sizeBytes,
                                                      BlackmagicRawResourceType type,
@@ -263,7 +323,15 @@ struct IBlackmagicRawResourceManager : IUnknown {
                                                    uint32_t sizeBytes, BOOL copyAsync) = 0;
 };
 
-/// Manual decoding on the CPU: the caller owns every buffer. All buffers are host memory.
+/// Manual decoding on the CPU: the caller owns every buffer. All buffers are host memory. Most come from the
+/// resource manager; `processed` may be the caller's own memory (a bitmap's pixels, say), aligned to 4 bytes
+/// and of at least the size that was asked for.
+///
+/// The size queries may be answered with more than the picture needs, never with 0. The frame state's is
+/// valid at any time, the others' for a populated frame state, and from then on, before the frame's jobs as
+/// after. A frame state is the library's to fill and to read; a job may read it until its completion.
+///
+/// Nothing has to be bound first: a codec that no device was set on decodes on the CPU.
 struct IBlackmagicRawManualDecoderFlow1 : IUnknown {
     virtual HRESULT STDMETHODCALLTYPE GetFrameStateSizeBytes(uint32_t* sizeBytes) = 0;
     virtual HRESULT STDMETHODCALLTYPE PopulateFrameStateBuffer(
@@ -272,15 +340,16 @@ struct IBlackmagicRawManualDecoderFlow1 : IUnknown {
         uint32_t frameStateSizeBytes) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetDecodedSizeBytes(void* frameState, uint32_t* sizeBytes) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetProcessedSizeBytes(void* frameState, uint32_t* sizeBytes) = 0;
-    BLACKMAGIC_RAW_UNUSED(GetPost3DLUTSizeBytes);
+    BLACKMAGIC_RAW_UNUSED(GetPost3DLUTSizeBytes)
     virtual HRESULT STDMETHODCALLTYPE CreateJobDecode(void* frameState, void* bitStream, void* decoded,
                                                       IBlackmagicRawJob** job) = 0;
+    /// `post3DLUT` may be null.
     virtual HRESULT STDMETHODCALLTYPE CreateJobProcess(void* frameState, void* decoded, void* processed,
                                                        void* post3DLUT, IBlackmagicRawJob** job) = 0;
 };
 
-/// Manual decoding with processing on a GPU. Frame state, bit stream and the decode job's result are host
-/// memory; what the process job takes and gives is device memory.
+/// Manual decoding with processing on a GPU, once its device was set on the codec. Frame state, bit stream
+/// and the decode job's result are host memory; what the process job takes and gives is device memory.
 struct IBlackmagicRawManualDecoderFlow2 : IUnknown {
     virtual HRESULT STDMETHODCALLTYPE GetFrameStateSizeBytes(uint32_t* sizeBytes) = 0;
     virtual HRESULT STDMETHODCALLTYPE PopulateFrameStateBuffer(
@@ -290,7 +359,7 @@ struct IBlackmagicRawManualDecoderFlow2 : IUnknown {
     virtual HRESULT STDMETHODCALLTYPE GetDecodedSizeBytes(void* frameState, uint32_t* sizeBytes) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetWorkingSizeBytes(void* frameState, uint32_t* sizeBytes) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetProcessedSizeBytes(void* frameState, uint32_t* sizeBytes) = 0;
-    BLACKMAGIC_RAW_UNUSED(GetPost3DLUTSizeBytes);
+    BLACKMAGIC_RAW_UNUSED(GetPost3DLUTSizeBytes)
     virtual HRESULT STDMETHODCALLTYPE CreateJobDecode(void* frameState, void* bitStream, void* decoded,
                                                       IBlackmagicRawJob** job) = 0;
     virtual HRESULT STDMETHODCALLTYPE CreateJobProcess(void* context, void* commandQueue, void* frameState,
@@ -300,8 +369,8 @@ struct IBlackmagicRawManualDecoderFlow2 : IUnknown {
 
 /// A device that a pipeline runs on.
 struct IBlackmagicRawPipelineDevice : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(SetBestInstructionSet);
-    BLACKMAGIC_RAW_UNUSED(SetInstructionSet);
+    BLACKMAGIC_RAW_UNUSED(SetBestInstructionSet)
+    BLACKMAGIC_RAW_UNUSED(SetInstructionSet)
     virtual HRESULT STDMETHODCALLTYPE GetInstructionSet(BlackmagicRawInstructionSet* instructionSet) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetIndex(uint32_t* deviceIndex) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetName(BSTR* name) = 0;
@@ -311,40 +380,43 @@ struct IBlackmagicRawPipelineDevice : IUnknown {
     virtual HRESULT STDMETHODCALLTYPE GetPipelineName(BSTR* pipelineName) = 0;
 };
 
-/// Stands on its first device when handed out; CreateDevice makes the one it stands on.
+/// Stands on its first device when handed out; CreateDevice (S_OK alone) makes the one it stands on.
 struct IBlackmagicRawPipelineDeviceIterator : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(Next);
-    BLACKMAGIC_RAW_UNUSED(GetPipeline);
-    BLACKMAGIC_RAW_UNUSED(GetInterop);
+    BLACKMAGIC_RAW_UNUSED(Next)
+    BLACKMAGIC_RAW_UNUSED(GetPipeline)
+    BLACKMAGIC_RAW_UNUSED(GetInterop)
     virtual HRESULT STDMETHODCALLTYPE CreateDevice(IBlackmagicRawPipelineDevice** device) = 0;
 };
 
-/// Stands on its first pipeline when handed out; past the last one GetPipeline fails or gives 0.
+/// Stands on its first pipeline when handed out. Next gives S_OK when it stands on another one, any other
+/// code at the end; past the end GetPipeline (S_OK alone) fails or gives 0.
 struct IBlackmagicRawPipelineIterator : IUnknown {
     virtual HRESULT STDMETHODCALLTYPE Next() = 0;
-    BLACKMAGIC_RAW_UNUSED(GetName);
-    BLACKMAGIC_RAW_UNUSED(GetInterop);
+    BLACKMAGIC_RAW_UNUSED(GetName)
+    BLACKMAGIC_RAW_UNUSED(GetInterop)
     virtual HRESULT STDMETHODCALLTYPE GetPipeline(BlackmagicRawPipeline* pipeline) = 0;
 };
 
 struct IBlackmagicRawConfiguration : IUnknown {
-    BLACKMAGIC_RAW_UNUSED(SetPipeline);
+    BLACKMAGIC_RAW_UNUSED(SetPipeline)
     /// `context` and `commandQueue` may be null.
     virtual HRESULT STDMETHODCALLTYPE GetPipeline(BlackmagicRawPipeline* pipeline, void** context,
                                                   void** commandQueue) = 0;
     virtual HRESULT STDMETHODCALLTYPE IsPipelineSupported(BlackmagicRawPipeline pipeline,
                                                           BOOL* isSupported) = 0;
-    BLACKMAGIC_RAW_UNUSED(SetCPUThreads);
+    BLACKMAGIC_RAW_UNUSED(SetCPUThreads)
     virtual HRESULT STDMETHODCALLTYPE GetCPUThreads(uint32_t* threadCount) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetMaxCPUThreadCount(uint32_t* threadCount) = 0;
-    BLACKMAGIC_RAW_UNUSED(SetWriteMetadataPerFrame);
+    BLACKMAGIC_RAW_UNUSED(SetWriteMetadataPerFrame)
     virtual HRESULT STDMETHODCALLTYPE GetWriteMetadataPerFrame(BOOL* writePerFrame) = 0;
+    /// S_OK alone. Not called for a device of the CPU's.
     virtual HRESULT STDMETHODCALLTYPE SetFromDevice(IBlackmagicRawPipelineDevice* device) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetVersion(BSTR* version) = 0;
     virtual HRESULT STDMETHODCALLTYPE GetCameraSupportVersion(BSTR* version) = 0;
 };
 
 struct IBlackmagicRawConfigurationEx : IUnknown {
+    /// S_OK alone.
     virtual HRESULT STDMETHODCALLTYPE GetResourceManager(IBlackmagicRawResourceManager** resourceManager) = 0;
 };
 
@@ -354,14 +426,16 @@ struct IBlackmagicRaw : IUnknown {
     virtual HRESULT STDMETHODCALLTYPE OpenClipWithGeometry(BSTR fileName,
                                                            IBlackmagicRawClipGeometry* geometry,
                                                            IBlackmagicRawClip** clip) = 0;
+    /// S_OK alone.
     virtual HRESULT STDMETHODCALLTYPE SetCallback(IBlackmagicRawCallback* callback) = 0;
-    BLACKMAGIC_RAW_UNUSED(PreparePipeline);
-    BLACKMAGIC_RAW_UNUSED(PreparePipelineForDevice);
+    BLACKMAGIC_RAW_UNUSED(PreparePipeline)
+    BLACKMAGIC_RAW_UNUSED(PreparePipelineForDevice)
     /// Returns when every job, those that callbacks submit meanwhile included, has completed and its callback
-    /// has returned.
+    /// has returned. After a failure jobs may still wait or run.
     virtual HRESULT STDMETHODCALLTYPE FlushJobs() = 0;
 };
 
+/// S_OK alone, but for the geometry.
 struct IBlackmagicRawFactory : IUnknown {
     virtual HRESULT STDMETHODCALLTYPE CreateCodec(IBlackmagicRaw** codec) = 0;
     virtual HRESULT STDMETHODCALLTYPE CreatePipelineIterator(BlackmagicRawInterop interop,

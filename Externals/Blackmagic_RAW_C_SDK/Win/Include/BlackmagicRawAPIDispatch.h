@@ -6,7 +6,8 @@
 
 #include <string>
 
-#include "BlackmagicRawAPI.h"
+#include <BlackmagicRawAPI.h>
+
 #include "BlackmagicRawAPIFile.h"
 
 /// Loads the library from `folder` (UTF-16, ending with a backslash) and resolves its entry point. Whether

@@ -1,8 +1,11 @@
-// Each call to Windows that can fail does so once, in the handler library's own imports.
+// Each call to Windows that can fail does so once, in the handler library's own imports. Those that open or
+// load something find a thread on which Windows asks the user nothing.
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -24,6 +27,7 @@ struct Tap {
     std::atomic<int64_t> countdown{0}; ///< the call that brings it to 0 fails
     std::atomic<int64_t> failures{0};
     std::atomic<int64_t> callsAfter{0}; ///< of this function, since one failed
+    bool isQuiet = false;               ///< must not be called where Windows might ask the user
 
     void arm(int64_t number) {
         failures = 0;
@@ -44,6 +48,7 @@ struct Tap {
 
 constexpr size_t maximumRows = 40;
 Tap g_taps[maximumRows];
+std::atomic<bool> g_mayAsk = false; ///< such a call was made where Windows might show a dialog
 
 /// How a function says that it failed.
 struct Failure {
@@ -52,8 +57,14 @@ struct Failure {
     int error = ENOMEM;
 };
 
+/// Whose failure Windows may want to talk about.
+constexpr std::string_view quietOnes[] = {"CreateFileW", "LoadLibraryExW", "_wfopen",  "_wmkdir",
+                                          "_wremove",    "_wrename",       "_wstat64", "CreateDIBSection"};
+
 template <size_t index, const Failure& failure, class Result, class... Arguments>
 Result failingNow(Arguments... arguments) {
+    if (g_taps[index].isQuiet && (GetThreadErrorMode() & SEM_FAILCRITICALERRORS) == 0)
+        g_mayAsk = true;
     if (!g_taps[index].fails())
         return reinterpret_cast<Result (*)(Arguments...)>(g_taps[index].original)(arguments...);
     SetLastError(failure.lastError);
@@ -100,7 +111,7 @@ const Row rows[] = {
     ROW(9, MultiByteToWideChar, giveZero, Work::thumbnail, E_UNEXPECTED, E_FAIL),
     ROW(10, WideCharToMultiByte, giveZero, Work::thumbnail, E_UNEXPECTED, E_FAIL),
     ROW(11, _wstat64, giveMinusOne, Work::thumbnail, E_UNEXPECTED, E_UNEXPECTED),
-    ROW(12, _wfsopen, giveZero, Work::thumbnail, S_OK, S_OK),
+    ROW(12, CreateFileW, giveInvalidHandle, Work::thumbnail, S_OK, S_OK),
     ROW(13, QISearch, giveNoMemory, Work::thumbnail, E_OUTOFMEMORY, E_OUTOFMEMORY),
     ROW(14, GetModuleHandleW, giveZero, Work::thumbnail, S_OK, S_OK),
     ROW(15, _wfopen, giveZero, Work::thumbnail, S_OK, S_OK),
@@ -149,6 +160,9 @@ std::string Road::troubleInThumbnail(int64_t number, bool& reached) {
     const std::string settings = readFileBytes(m_settings);
     if (std::string_view(row().name) == "_wmkdir")
         std::filesystem::remove_all(m_logs);
+    g_mayAsk = false;
+    taken().isQuiet = std::ranges::find(quietOnes, row().name) != std::end(quietOnes);
+    const DWORD errorMode = GetThreadErrorMode();
     m_scenario->onStart = [&] { taken().arm(number); };
     m_scenario->onEnd = [&] {
         reached = taken().failures > 0;
@@ -161,6 +175,10 @@ std::string Road::troubleInThumbnail(int64_t number, bool& reached) {
     const HRESULT result = outcome.result();
     if (trouble.empty() && result != S_OK && result != row().results[0] && result != row().results[1])
         trouble = "gave " + resultText(result);
+    if (trouble.empty() && g_mayAsk)
+        trouble = "Windows might have asked the user";
+    if (trouble.empty() && GetThreadErrorMode() != errorMode)
+        trouble = "the thread's error mode was changed";
     if (trouble.empty() && readFileBytes(m_settings) != settings)
         trouble = "the settings file was changed";
     return m_scenario->orTroubleInNextRun(trouble);

@@ -5,7 +5,6 @@
 #include "ModuleState.h"
 
 void attachServer(HMODULE module) noexcept {
-    g_moduleHandle = module;
     DisableThreadLibraryCalls(module);
 }
 

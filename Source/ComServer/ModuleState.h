@@ -1,10 +1,7 @@
-// What the whole module shares: its handle, and what keeps it loaded.
+// What keeps the whole module loaded.
 #pragma once
 
 #include <windows.h>
-
-/// This library's own handle; set at process attach, constant afterwards.
-inline HMODULE g_moduleHandle = nullptr;
 
 /// Everything that needs the module to stay loaded: class factories, server locks, provider objects. Changed
 /// by interlocked operations alone.

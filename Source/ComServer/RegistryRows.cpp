@@ -1,5 +1,7 @@
 #include "RegistryRows.h"
 
+#include "Utils/vdModule.h"
+
 namespace {
 LSTATUS setText(HKEY key, const wchar_t* value, std::wstring_view text) { // zero-terminated, and stored so
     return RegSetValueExW(key, value, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.data()),
@@ -28,15 +30,11 @@ HRESULT writeRow(HKEY root, const std::wstring& path, const RegistryRow& row,
 }
 } // namespace
 
-HRESULT findModulePath(HMODULE module, std::wstring& path) {
-    wchar_t buffer[MAX_PATH];
-    const DWORD length = GetModuleFileNameW(module, buffer, MAX_PATH);
-    if (length == 0)
+HRESULT findModulePath(std::wstring& path) {
+    path = ownModulePath();
+    if (path.empty())
         return HRESULT_FROM_WIN32(GetLastError());
-    if (length >= MAX_PATH) // cut: no room was left for its terminator
-        return HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
-    path.assign(buffer, length);
-    return S_OK;
+    return path.size() < MAX_PATH ? S_OK : HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
 }
 
 std::wstring folderOf(const std::wstring& path) {

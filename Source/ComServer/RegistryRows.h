@@ -29,9 +29,9 @@ struct RegistryRow {
     std::variant<const wchar_t*, DWORD, RegistryText> data;
 };
 
-/// The full path of `module`, which shells read into buffers of MAX_PATH characters:
+/// The full path of this module, which shells read into buffers of MAX_PATH characters:
 /// ERROR_INSUFFICIENT_BUFFER for a longer one. May throw std::bad_alloc.
-HRESULT findModulePath(HMODULE module, std::wstring& path);
+HRESULT findModulePath(std::wstring& path);
 
 /// `path` up to and with its last separator.
 std::wstring folderOf(const std::wstring& path);

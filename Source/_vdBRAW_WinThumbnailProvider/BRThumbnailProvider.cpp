@@ -12,6 +12,7 @@
 #include "Session.h"
 #include "ThumbnailProgress.h"
 #include "Utils/vdCloudFile.h"
+#include "Utils/vdErrorMode.h"
 #include "Utils/vdFailureEvent.h"
 #include "Utils/vdGuard.h"
 #include "Utils/vdLogging.h"
@@ -63,6 +64,8 @@ struct CoreRelease {
 HRESULT runCore(const std::string& path, UINT size, HBITMAP& bitmap, WTS_ALPHATYPE& alpha,
                 ThumbnailProgress& reached) {
     const ProcessWideLock lock;
+    if (!lock)
+        return E_FAIL;
     const CoreRelease release;
     HRESULT hr = guardBoundary([] { return initBMIfNeeded(); });
     if (hr == S_OK) {
@@ -73,7 +76,8 @@ HRESULT runCore(const std::string& path, UINT size, HBITMAP& bitmap, WTS_ALPHATY
     return hr;
 }
 
-HRESULT makeThumbnail(const std::string& path, UINT size, HBITMAP& bitmap, WTS_ALPHATYPE& alpha) {
+/// With a path of its own: what is served meanwhile may give the object another one.
+HRESULT makeThumbnail(const std::string path, UINT size, HBITMAP& bitmap, WTS_ALPHATYPE& alpha) {
     const std::wstring widePath = utf8ToUtf16(path);
     if (isSparedCloudFile(widePath.c_str()))
         return E_FAIL;
@@ -121,6 +125,7 @@ CClipforgeThumbProvider::~CClipforgeThumbProvider() {
 }
 
 IFACEMETHODIMP CClipforgeThumbProvider::Initialize(LPCWSTR pszFilePath, DWORD) {
+    const vdQuietErrors quiet;
     VD_LOG_INFO("Initialize !");
     HRESULT hr = E_UNEXPECTED;
     if (pszFilePath == nullptr) {
@@ -138,6 +143,7 @@ IFACEMETHODIMP CClipforgeThumbProvider::Initialize(LPCWSTR pszFilePath, DWORD) {
 }
 
 IFACEMETHODIMP CClipforgeThumbProvider::GetThumbnail(UINT cx, HBITMAP* phbmp, WTS_ALPHATYPE* pdwAlpha) {
+    const vdQuietErrors quiet; // for the decoder as well, where it works on this thread
     VD_LOG_INFO("Getting Thumbnail with size " << cx);
     HRESULT hr = E_POINTER;
     if (phbmp != nullptr && pdwAlpha != nullptr)

@@ -33,7 +33,8 @@ public:
 
     /// A 32-bit bottom-up DIB section, at least `cx` pixels in both directions and of the clip's aspect;
     /// larger than the clip itself it is `cx` by `cx`, the frame centred and the rest transparent. A clip
-    /// without frames gives a transparent one. The caller owns the bitmap.
+    /// without frames gives a transparent one. The caller owns the bitmap. E_FAIL while the same thread is in
+    /// here already.
     IFACEMETHODIMP GetThumbnail(UINT cx, HBITMAP* phbmp, WTS_ALPHATYPE* pdwAlpha) override;
 
 private:

@@ -23,7 +23,7 @@ STDAPI DllGetClassObject(REFCLSID rclsid, REFIID riid, LPVOID* ppv) {
 }
 
 STDAPI DllRegisterServer() {
-    return guardBoundary([] { return registerServer(g_moduleHandle); });
+    return guardBoundary([] { return registerServer(); });
 }
 
 STDAPI DllUnregisterServer() {

@@ -45,8 +45,8 @@ constexpr RegistryRow companionRows[] = {
     {L"\\DefaultIcon", nullptr, RegistryText{iconPath}},
 };
 
-HRESULT findPlaces(HMODULE module, Places& places) {
-    if (const HRESULT hr = findModulePath(module, places[modulePath]); FAILED(hr))
+HRESULT findPlaces(Places& places) {
+    if (const HRESULT hr = findModulePath(places[modulePath]); FAILED(hr))
         return hr;
     const std::wstring folder = folderOf(places[modulePath]);
     places[commandLine] = L"\"" + folder + L"Clipforge.exe\" \"%1\"";
@@ -91,9 +91,9 @@ HRESULT deleteAll(const RegistryRoot& root) {
 }
 } // namespace
 
-HRESULT registerServer(HMODULE module) {
+HRESULT registerServer() {
     Places places;
-    if (const HRESULT hr = findPlaces(module, places); FAILED(hr))
+    if (const HRESULT hr = findPlaces(places); FAILED(hr))
         return hr;
     for (const RegistryRoot& root : roots)
         if (const HRESULT hr = writeAll(root, places); FAILED(hr))

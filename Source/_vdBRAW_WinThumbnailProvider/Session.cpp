@@ -12,8 +12,10 @@
 namespace {
 constexpr bool handlerLogging = CLIPFORGE_HANDLER_LOGGING != 0;
 
-void startLogging() {
+void startLogging() noexcept {
     const ProcessWideLock lock;
+    if (!lock)
+        return;
     loadOptions();
     // A second start would move the running session's file aside.
     const bool started = g_logThreshold != vdLogLevel::off;
@@ -22,9 +24,7 @@ void startLogging() {
 }
 } // namespace
 
-void startSession() {
-    static const bool identityFilled = (setProductInfo(), true);
-    static_cast<void>(identityFilled);
+void startSession() noexcept {
     if constexpr (handlerLogging)
         startLogging();
 }

@@ -33,3 +33,28 @@ inline void* setImport(void** slot, void* function) {
     VirtualProtect(slot, sizeof *slot, protection, &protection);
     return former;
 }
+
+/// Has a module, by default the program itself, call `function` instead of what it imports by that name, for
+/// as long as the object lives.
+template <class Function>
+class ReplacedImport {
+public:
+    ReplacedImport(const char* name, Function* function, HMODULE module = GetModuleHandleW(nullptr))
+        : m_slot(importSlot(module, name)),
+          m_former(m_slot ? setImport(m_slot, reinterpret_cast<void*>(function)) : nullptr) {}
+    ~ReplacedImport() {
+        if (m_slot)
+            setImport(m_slot, m_former);
+    }
+    ReplacedImport(const ReplacedImport&) = delete;
+    ReplacedImport& operator=(const ReplacedImport&) = delete;
+
+    /// Without it, nothing calls the stand-in.
+    explicit operator bool() const { return m_slot != nullptr; }
+    /// What would have been called.
+    Function* former() const { return reinterpret_cast<Function*>(m_former); }
+
+private:
+    void** m_slot;
+    void* m_former;
+};

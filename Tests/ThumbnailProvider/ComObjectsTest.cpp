@@ -1,5 +1,6 @@
 // The objects' rules: who keeps the module loaded, who is whom, and what is refused.
 #include "HandlerFixture.h"
+#include "Imports.h"
 
 namespace {
 class ComObjects : public HandlerTest {
@@ -60,6 +61,43 @@ TEST_F(ComObjects, OneIdentityAndOneCountBehindBothInterfaces) {
     WTS_ALPHATYPE alpha = WTSAT_UNKNOWN;
     EXPECT_RESULT(E_POINTER, thumbnails->GetThumbnail(16, nullptr, &alpha));
     EXPECT_RESULT(E_POINTER, thumbnails->GetThumbnail(16, &bitmap, nullptr));
+}
+
+ComPtr<IThumbnailProvider> g_again;
+decltype(&CreateDIBSection) g_makeBitmap;
+HRESULT g_answer;
+DWORD g_errorMode;
+
+/// As a driver that serves the apartment's messages, and finds the shell's next question among them.
+HBITMAP WINAPI askAgain(HDC context, const BITMAPINFO* info, UINT usage, void** bits, HANDLE section,
+                        DWORD offset) {
+    HBITMAP bitmap = nullptr;
+    WTS_ALPHATYPE alpha = WTSAT_UNKNOWN;
+    g_errorMode = GetThreadErrorMode();
+    g_answer = g_again->GetThumbnail(16, &bitmap, &alpha);
+    EXPECT_EQ(nullptr, bitmap);
+    return g_makeBitmap(context, info, usage, bits, section, offset);
+}
+
+TEST_F(ComObjects, AQuestionWithinAQuestionIsRefusedAndNobodyIsAsked) {
+    const std::wstring clip = writeClip();
+    const DWORD before = GetThreadErrorMode();
+    for (const bool ofTheSame : {false, true}) {
+        const auto provider = m_handler->provider(), other = m_handler->provider();
+        provider->Initialize(clip.c_str(), 0);
+        other->Initialize(clip.c_str(), 0);
+        (ofTheSame ? provider : other).As(&g_again);
+        const ReplacedImport bitmaps("CreateDIBSection", &askAgain, m_handler->get());
+        g_makeBitmap = bitmaps.former();
+        SetThreadErrorMode(SEM_NOGPFAULTERRORBOX, nullptr); // the host's own choice, which stays
+        EXPECT_RESULT(S_OK, ask(provider.Get()).result);
+        EXPECT_RESULT(E_FAIL, g_answer);
+        EXPECT_EQ(DWORD{SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX | SEM_NOGPFAULTERRORBOX},
+                  g_errorMode);
+        EXPECT_EQ(DWORD{SEM_NOGPFAULTERRORBOX}, GetThreadErrorMode());
+        SetThreadErrorMode(before, nullptr);
+        g_again.Reset();
+    }
 }
 
 TEST_F(ComObjects, TheLastGoodPathCounts) {

@@ -46,11 +46,19 @@ ComPtr<IInitializeWithFile> HandlerModule::provider() const {
     return provider;
 }
 
-const uint8_t* Answer::pixel(int x, int y) const {
-    DIBSECTION section{};
-    GetObjectW(bitmap.get(), sizeof section, &section);
-    return static_cast<const uint8_t*>(section.dsBm.bmBits) + 4 * ((size.cy - 1 - y) * size.cx + x);
+namespace {
+/// Which way up a bitmap is, only Windows need know.
+std::vector<uint8_t> readPixels(HBITMAP bitmap, SIZE size) {
+    std::vector<uint8_t> pixels(size_t{4} * static_cast<size_t>(size.cx) * static_cast<size_t>(size.cy));
+    BITMAPINFO info{};
+    info.bmiHeader = {sizeof info.bmiHeader, size.cx, -size.cy, 1, 32};
+    const HDC context = CreateCompatibleDC(nullptr);
+    EXPECT_EQ(size.cy, GetDIBits(context, bitmap, 0, static_cast<UINT>(size.cy), pixels.data(), &info,
+                                 DIB_RGB_COLORS));
+    DeleteDC(context);
+    return pixels;
 }
+} // namespace
 
 void HandlerTest::SetUp() {
     m_decoder.reset();
@@ -99,6 +107,7 @@ Answer HandlerTest::ask(IInitializeWithFile* file, UINT size) {
     if (DIBSECTION section{}; answer.bitmap.get() != nullptr) {
         EXPECT_TRUE(isThumbnailBitmap(answer.bitmap.get(), section));
         answer.size = {section.dsBmih.biWidth, section.dsBmih.biHeight};
+        answer.pixels = readPixels(answer.bitmap.get(), answer.size);
     }
     expectNothingLeft(answer.bitmap.get() != nullptr ? 1 : 0);
     return answer;

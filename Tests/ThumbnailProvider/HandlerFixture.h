@@ -7,6 +7,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <propsys.h>
@@ -52,6 +53,7 @@ public:
     HRESULT unregisterServer() const { return call("DllUnregisterServer"); }
     ComPtr<IClassFactory> factory() const;
     ComPtr<IInitializeWithFile> provider() const;
+    HMODULE get() const { return m_module; }
 
 private:
     HRESULT call(const char* name) const;
@@ -64,9 +66,13 @@ struct Answer {
     bool isUntouched = false; ///< the places to write to: either both or none
     OwnedBitmap bitmap;
     SIZE size{};
+    std::vector<uint8_t> pixels; ///< as Windows itself reads the bitmap: top row first, 4 bytes each
 
     /// Blue, green, red and alpha of a pixel, counted from the picture's top left.
-    const uint8_t* pixel(int x, int y) const;
+    const uint8_t* pixel(int x, int y) const {
+        return pixels.data() + 4 * (size_t{static_cast<uint32_t>(y)} * static_cast<uint32_t>(size.cx) +
+                                    static_cast<uint32_t>(x));
+    }
 };
 
 class HandlerTest : public testing::Test {

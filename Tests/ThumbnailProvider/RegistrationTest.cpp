@@ -1,6 +1,12 @@
 // What the shell finds in the registry, and what it finds no more.
 #include "HandlerFixture.h"
 
+#include <shlobj.h>
+
+#include "Imports.h"
+
+using namespace std::string_literals;
+
 namespace {
 #define CLASS_TEXT L"{5b8e2d41-93c7-4f0a-b6e5-2d17c9a4f380}"
 #define CLASS_KEY L"CLSID\\" CLASS_TEXT
@@ -48,48 +54,16 @@ protected:
             }
         return false;
     }
-    static void expectRows(const std::filesystem::path& library, const std::wstring& icon) {
-        const std::wstring folder = library.parent_path().wstring() + L"\\";
-        const struct {
-            const wchar_t *key, *value;
-            std::wstring text;
-        } rows[] = {
-            {CLASS_KEY, nullptr, L"Clipforge Thumbnail Handler"},
-            {SERVER_KEY, nullptr, library.wstring()},
-            {SERVER_KEY, L"ThreadingModel", L"Apartment"},
-            {L".braw", nullptr, L"Clipforge.Clip"},
-            {L".braw", L"Content Type", L"movie/x-braw"},
-            {L".braw\\ShellEx\\{e357fccd-a995-4576-b01f-234630154e96}", nullptr, CLASS_TEXT},
-            {L".braw\\DefaultIcon", nullptr, icon},
-            {L"Clipforge.Clip", nullptr, L"Blackmagic RAW Clip"},
-            {L"Clipforge.Clip\\shell\\open", nullptr, L"open"},
-            {L"Clipforge.Clip\\shell\\open\\command", nullptr, L"\"" + folder + L"Clipforge.exe\" \"%1\""},
-            {L".sidecar\\DefaultIcon", nullptr, icon},
-            {L".braw2\\DefaultIcon", nullptr, icon},
-        };
-        for (const Root& root : roots) {
-            for (const auto& [key, value, text] : rows)
-                EXPECT_EQ(text, readText(root, key, value).value_or(L"(nothing)"))
-                    << std::filesystem::path(root.prefix + key);
-            DWORD number = 0, size = sizeof number;
-            RegGetValueW(root.key, (root.prefix + CLASS_KEY).c_str(), L"DisableProcessIsolation",
-                         RRF_RT_REG_DWORD, nullptr, &number, &size);
-            EXPECT_EQ(1u, number);
-        }
-    }
     std::optional<std::wstring> m_registeredBefore;
 };
 
-TEST_F(Registration, RowsComeAndGo) {
+TEST_F(Registration, ComesAndGoes) {
     for (int round = 0; round < 2; ++round) {
         EXPECT_RESULT(S_OK, m_handler->registerServer());
         EXPECT_RESULT(S_OK, m_handler->registerServer());
-        const auto library = productFolder("bin") / "Clipforge_Thumbnails.dll";
-        wchar_t path[MAX_PATH]; // as Windows writes it
-        GetModuleFileNameW(GetModuleHandleW(library.c_str()), path, MAX_PATH);
-        const auto icon = std::filesystem::path(path).parent_path() / L"Clipforge_Icon.ico";
-        expectRows(path, icon.wstring());
-        EXPECT_TRUE(std::filesystem::exists(icon));
+        EXPECT_TRUE(isRegistered());
+        EXPECT_TRUE(
+            std::filesystem::exists(readText(roots[0], L".braw\\DefaultIcon", nullptr).value_or(L"")));
         EXPECT_RESULT(S_OK, m_handler->unregisterServer());
         EXPECT_FALSE(isRegistered());
         EXPECT_RESULT(S_OK, m_handler->unregisterServer());
@@ -103,26 +77,140 @@ TEST_F(Registration, ComFindsTheRegisteredHandler) {
     CoFreeUnusedLibrariesEx(0, 0); // COM's own hold on the library
 }
 
-// The icon's and the command line's buffers end at 242 and 248 characters of folder.
-TEST_F(Registration, FoldersTooLongForTheShellAreRefused) {
+// What the library asks of Windows, in order. Nothing of it is done: under Wine one root shows the other's
+// keys.
+std::vector<std::wstring> g_asked;
+std::wstring g_key, g_unwritableRoot;
+int g_openKeys;
+
+std::wstring rootName(HKEY root) {
+    return root == HKEY_LOCAL_MACHINE ? L"HKLM\\" : root == HKEY_CLASSES_ROOT ? L"HKCR\\" : L"?\\";
+}
+LSTATUS WINAPI recordCreate(HKEY root, LPCWSTR path, DWORD, LPWSTR, DWORD options, REGSAM access,
+                            const LPSECURITY_ATTRIBUTES, PHKEY key, LPDWORD) {
+    EXPECT_EQ(DWORD{REG_OPTION_NON_VOLATILE}, options) << "it would be gone with the next start of Windows";
+    EXPECT_EQ(REGSAM{KEY_SET_VALUE}, access);
+    g_key = rootName(root) + path;
+    if (rootName(root) == g_unwritableRoot)
+        return ERROR_ACCESS_DENIED;
+    ++g_openKeys;
+    *key = HKEY_CURRENT_USER;
+    return ERROR_SUCCESS;
+}
+LSTATUS WINAPI recordSet(HKEY, LPCWSTR name, DWORD, DWORD type, const BYTE* data, DWORD size) {
+    std::wstring value;
+    if (type == REG_SZ) {
+        value.assign(reinterpret_cast<const wchar_t*>(data), size / sizeof(wchar_t));
+        EXPECT_EQ(value.size() - 1, value.find(L'\0')) << "a text is stored with its terminator";
+        value.pop_back();
+    } else if (type == REG_DWORD && size == sizeof(DWORD))
+        value = L"#" + std::to_wstring(*reinterpret_cast<const DWORD*>(data));
+    g_asked.push_back(g_key + L" " + (name ? name : L"(default)") + L" = " + value);
+    return ERROR_SUCCESS;
+}
+LSTATUS WINAPI recordClose(HKEY) {
+    --g_openKeys;
+    return ERROR_SUCCESS;
+}
+LSTATUS WINAPI recordDelete(HKEY root, LPCWSTR path) {
+    g_asked.push_back(L"delete " + rootName(root) + path);
+    return ERROR_FILE_NOT_FOUND;
+}
+void WINAPI recordNotification(LONG event, UINT flags, LPCVOID first, LPCVOID second) {
+    EXPECT_TRUE(event == SHCNE_ASSOCCHANGED && flags == SHCNF_IDLIST && !first && !second);
+    g_asked.emplace_back(L"notify");
+}
+std::wstring g_modulePath;
+DWORD WINAPI tellPath(HMODULE, LPWSTR buffer, DWORD size) {
+    const size_t length = std::min<size_t>(g_modulePath.size(), size - 1);
+    wmemcpy(buffer, g_modulePath.c_str(), length + 1)[length] = L'\0';
+    const bool isCut = length < g_modulePath.size();
+    SetLastError(isCut ? ERROR_INSUFFICIENT_BUFFER : ERROR_SUCCESS);
+    return isCut ? size : static_cast<DWORD>(length);
+}
+
+class RegistrationCalls : public HandlerTest {
+protected:
+    /// Of a library that lies there.
+    HRESULT registerAt(const std::wstring& path) { return recorded(path, &HandlerModule::registerServer); }
+    HRESULT recorded(const std::wstring& path, HRESULT (HandlerModule::*work)() const) {
+        const HMODULE module = m_handler->get();
+        const ReplacedImport name("GetModuleFileNameW", &tellPath, module);
+        const ReplacedImport create("RegCreateKeyExW", &recordCreate, module);
+        const ReplacedImport set("RegSetValueExW", &recordSet, module);
+        const ReplacedImport close("RegCloseKey", &recordClose, module);
+        const ReplacedImport remove("RegDeleteTreeW", &recordDelete, module);
+        const ReplacedImport notify("SHChangeNotify", &recordNotification, module);
+        EXPECT_TRUE(name && create && set && close && remove && notify);
+        g_asked.clear();
+        g_openKeys = 0;
+        g_modulePath = path;
+        const HRESULT result = (m_handler.get()->*work)();
+        EXPECT_EQ(0, g_openKeys);
+        return result;
+    }
+    static std::vector<std::wstring> rows(const std::wstring& library, const std::wstring& icon) {
+        const std::wstring folder = library.substr(0, library.rfind(L'\\') + 1);
+        std::vector<std::wstring> rows;
+        for (const std::wstring root : {L"HKLM\\SOFTWARE\\Classes\\", L"HKCR\\"})
+            for (const std::wstring& row :
+                 {CLASS_KEY L" (default) = Clipforge Thumbnail Handler"s,
+                  CLASS_KEY L" DisableProcessIsolation = #1"s, SERVER_KEY L" (default) = " + library,
+                  SERVER_KEY L" ThreadingModel = Apartment"s, L".braw (default) = Clipforge.Clip"s,
+                  L".braw Content Type = movie/x-braw"s,
+                  L".braw\\ShellEx\\{e357fccd-a995-4576-b01f-234630154e96} (default) = " CLASS_TEXT ""s,
+                  L".braw\\DefaultIcon (default) = " + icon,
+                  L"Clipforge.Clip (default) = Blackmagic RAW Clip"s,
+                  L"Clipforge.Clip\\shell\\open (default) = open"s,
+                  L"Clipforge.Clip\\shell\\open\\command (default) = \"" + folder + L"Clipforge.exe\" \"%1\"",
+                  L".sidecar\\DefaultIcon (default) = " + icon, L".braw2\\DefaultIcon (default) = " + icon})
+                rows.push_back(root + row);
+        return rows;
+    }
+};
+
+TEST_F(RegistrationCalls, WritesItsRowsUnderBothRootsAndTellsTheShell) {
+    auto expected = rows(L"D:\\Tools\\x.dll", L"D:\\Tools\\Clipforge_Icon.ico");
+    expected.emplace_back(L"notify");
+    EXPECT_RESULT(S_OK, registerAt(L"D:\\Tools\\x.dll"));
+    EXPECT_EQ(expected, g_asked);
+
+    expected.resize(13); // and nobody is told of half a registration
+    g_unwritableRoot = L"HKCR\\";
+    EXPECT_RESULT(HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED), registerAt(L"D:\\Tools\\x.dll"));
+    g_unwritableRoot.clear();
+    EXPECT_EQ(expected, g_asked);
+}
+
+TEST_F(RegistrationCalls, DeletesItsKeysUnderBothRootsWhateverIsMissing) {
+    std::vector<std::wstring> expected;
+    for (const std::wstring root : {L"HKLM\\SOFTWARE\\Classes\\", L"HKCR\\"})
+        for (const wchar_t* key : {CLASS_KEY, L"Clipforge.Clip", L".braw", L".sidecar", L".braw2"})
+            expected.push_back(L"delete " + root + key);
+    EXPECT_RESULT(S_OK, recorded(L"D:\\x.dll", &HandlerModule::unregisterServer));
+    EXPECT_EQ(expected, g_asked);
+}
+
+// The icon's path ends at 259 characters and the command line at 267; so does what the shell reads of a path.
+TEST_F(RegistrationCalls, PathsTooLongForTheShellAreRefused) {
     constexpr auto tooLong = HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
-    const auto source = productFolder("bin") / "Clipforge_Thumbnails.dll";
-    const std::wstring outer = m_folder.path().wstring() + L"\\" + std::wstring(100, L'a');
-    CreateDirectoryW(outer.c_str(), nullptr);
-    for (const auto& [length, result, icon] :
-         {std::tuple(241u, S_OK, L"Clipforge_Icon.ico"), {242u, S_OK, L""}, {248u, tooLong, L""}}) {
-        SCOPED_TRACE(length);
-        const std::wstring folder = outer + L"\\" + std::wstring(length - outer.size() - 2, L'b');
-        const std::wstring library = folder + L"\\c.dll";
-        CreateDirectoryW((L"\\\\?\\" + folder).c_str(), nullptr);
-        ASSERT_TRUE(CopyFileW(source.c_str(), (L"\\\\?\\" + library).c_str(), FALSE)) << GetLastError();
-        const HandlerModule handler(library);
-        handler.unregisterServer();
-        EXPECT_RESULT(result, handler.registerServer());
-        EXPECT_EQ(result == S_OK, isRegistered());
+    const std::wstring icon = L"Clipforge_Icon.ico";
+    const struct {
+        size_t folder, path;
+        HRESULT result;
+        std::wstring icon;
+    } cases[] = {{241, 246, S_OK, icon},   {242, 247, S_OK, L""}, {247, 252, S_OK, L""},
+                 {248, 253, tooLong, L""}, {3, 259, S_OK, icon},  {3, 260, tooLong, L""},
+                 {3, 700, tooLong, L""}};
+    for (const auto& [folderSize, pathSize, result, iconName] : cases) {
+        SCOPED_TRACE(testing::Message() << folderSize << " of " << pathSize);
+        const std::wstring folder = L"D:" + std::wstring(folderSize - 3, L'a') + L"\\";
+        const std::wstring library = folder + std::wstring(pathSize - folderSize, L'b');
+        EXPECT_RESULT(result, registerAt(library));
+        auto expected = result == S_OK ? rows(library, folder + iconName) : std::vector<std::wstring>{};
         if (result == S_OK)
-            expectRows(library, folder + L"\\" + icon);
-        EXPECT_RESULT(S_OK, handler.unregisterServer());
+            expected.emplace_back(L"notify");
+        EXPECT_EQ(expected, g_asked);
     }
 }
 } // namespace

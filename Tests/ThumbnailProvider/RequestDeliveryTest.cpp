@@ -81,8 +81,12 @@ TEST_F(Delivery, SaysWhatCannotBeDelivered) {
     void* const resource = std::exchange(buffers().m_processedBuffer.resource, nullptr);
     expectError("m_processedBuffer is nullptr");
     buffers().m_processedBuffer.resource = resource;
-    request.m_processedWidth = height;
-    expectError("The processed image has not the size of the HBitmap");
+    for (uint32_t* const side : {&request.m_processedWidth, &request.m_processedHeight})
+        for (const uint32_t wrong : {1u, 5u}) {
+            const uint32_t right = std::exchange(*side, wrong);
+            expectError("The processed image has not the size of the HBitmap");
+            *side = right;
+        }
     request.m_isOver = true;
     request.m_processedWidth = request.m_processedHeight = 65536; // 0 bytes in 32 bits
     expectError("The processed buffer does not hold the processed image");

@@ -8,6 +8,7 @@
 #include "EnvironmentVariable.h"
 #include "TemporaryFolder.h"
 #include "Utils/vdLogging.h"
+#include "Utils/vdProduct.h"
 
 /// The profile of every log session here: the logger settles its folder once in a process.
 inline const TemporaryFolder& logHome() {
@@ -23,7 +24,7 @@ inline std::filesystem::path logPath(const char* name = "BRAW_Thumbnail.log") {
 class LogSession {
 public:
     explicit LogSession(vdLogLevel level) {
-        initLogging(level, "BRAW_Thumbnail.log", vdHostApp::desktop, {3, 1, 5, 0});
+        initLogging(level, "BRAW_Thumbnail.log", vdHostApp::desktop, productInfo().version);
         m_headerSize = readFileBytes(logPath()).size();
     }
     ~LogSession() { g_logThreshold = vdLogLevel::off; }

@@ -1,12 +1,17 @@
 #include "Utils/vdPaths.h"
 
+#include <algorithm>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "EnvironmentVariable.h"
+#include "Imports.h"
 #include "TemporaryFolder.h"
 #include "Utils/vdPresets.h"
+#include "Utils/vdSettings.h"
 #include "Utils/vdText.h"
 
 namespace fs = std::filesystem;
@@ -53,13 +58,88 @@ TEST(Paths, FailuresSayWhatAndWhere) {
     EXPECT_EQ(failureOf(vdFailure(std::string(300, 'm'))), std::string(256, 'm'));
 
     std::string path;
-    for (const std::string& value : {std::string(), missing, temporary.text("file")}) {
-        const EnvironmentVariable profile(L"USERPROFILE", utf8ToUtf16(value).c_str());
-        const std::string message = value.empty()
+    const std::wstring values[] = {L"", utf8ToUtf16(missing), utf8ToUtf16(temporary.text("file"))};
+    for (const wchar_t* value :
+         {static_cast<const wchar_t*>(nullptr), values[0].c_str(), values[1].c_str(), values[2].c_str()}) {
+        const EnvironmentVariable profile(L"USERPROFILE", value);
+        const std::string message = value == nullptr
                                         ? "getUserHomeFolder - Impossible to get USERPROFILE env ..."
                                         : "Impossible to get User Folder Path ...";
         EXPECT_EQ(failureOf(getUserHomeFolder(path)), message);
         EXPECT_EQ(failureOf(getOptionsFilePath(path)), message);
+    }
+}
+
+namespace {
+/// A file server with one share, on which each folder can be made inside one that is there.
+std::vector<std::wstring> g_serverFolders;
+
+bool isOnServer(const wchar_t* path) {
+    return std::find(g_serverFolders.begin(), g_serverFolders.end(), path) != g_serverFolders.end();
+}
+int accessOnServer(const wchar_t* path, int) {
+    errno = ENOENT;
+    return isOnServer(path) ? 0 : -1;
+}
+int makeOnServer(const wchar_t* path) {
+    const bool made = isOnServer(fs::path(path).parent_path().c_str());
+    errno = ENOENT; // for a server's own name, too
+    if (made)
+        g_serverFolders.emplace_back(path);
+    return made ? 0 : -1;
+}
+} // namespace
+
+TEST(Paths, FoldersAreMadeOnAServerFromItsShareOn) {
+    // Some toolchains bring a _waccess_s of their own, which asks _waccess.
+    const ReplacedImport access("_waccess", &accessOnServer), safeAccess("_waccess_s", &accessOnServer);
+    const ReplacedImport make("_wmkdir", &makeOnServer);
+    ASSERT_TRUE((access || safeAccess) && make);
+    for (const std::string share : {"\\\\server\\share", "\\\\?\\UNC\\server\\share", "\\\\?\\C:"}) {
+        const std::wstring root = utf8ToUtf16(share);
+        g_serverFolders = {root};
+        EXPECT_EQ(failureOf(createDirectories(share + "\\a/b\\")), "");
+        EXPECT_EQ(g_serverFolders, (std::vector{root, root + L"\\a", root + L"\\a\\b"}));
+    }
+    EXPECT_NE(failureOf(createDirectories("\\\\server")), "");
+}
+
+namespace {
+struct Opening {
+    DWORD sharing;
+    bool isInheritable;
+};
+std::vector<Opening> g_openings;
+decltype(&CreateFileW) g_createFile;
+
+HANDLE WINAPI recordOpening(LPCWSTR path, DWORD access, DWORD sharing, LPSECURITY_ATTRIBUTES security,
+                            DWORD disposition, DWORD flags, HANDLE pattern) {
+    g_openings.push_back({sharing, security != nullptr && security->bInheritHandle});
+    return g_createFile(path, access, sharing, security, disposition, flags, pattern);
+}
+} // namespace
+
+TEST(Paths, AnOpenFileHindersNobody) {
+    const TemporaryFolder temporary;
+    const EnvironmentVariable profile(L"USERPROFILE", temporary.path().c_str());
+    const std::string clip = temporary.text("clip");
+    writeFileBytes(utf8ToUtf16(clip), "P6");
+    const ReplacedImport open("CreateFileW", &recordOpening);
+    g_createFile = open.former();
+    g_openings.clear();
+    FILE* const file = openForReading(clip);
+    ASSERT_NE(file, nullptr);
+    EXPECT_TRUE(fs::remove(utf8ToUtf16(clip))) << "while it is read";
+    EXPECT_EQ(std::fgetc(file), 'P');
+    std::fclose(file);
+    EXPECT_EQ(openForReading(temporary.text("none")), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+    loadOptions(); // makes the settings file, and reads it
+    resetOptions();
+    EXPECT_EQ(g_openings.size(), 4u);
+    for (const Opening& made : g_openings) {
+        EXPECT_EQ(made.sharing, DWORD{FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE});
+        EXPECT_FALSE(made.isInheritable);
     }
 }
 

@@ -61,25 +61,27 @@ protected:
 TEST_F(Settings, FilesAsPeopleWriteThem) {
     const struct {
         std::string bytes, changed;
-    } table[] = {
-        {"", ""},
-        {"[General]\nlogging = INFO", "logging=2 "},
-        {"[general]\nLOGGING = INFO\n", "logging=2 "},
-        {"; mine\r\n\r\n[General]\r\n# a note\r\n\r\n  logging  =  WARN  \r\n", "logging=3 "},
-        {"\xEF\xBB\xBF[General]\nlogging=TRACE\n", "logging=0 "},
-        {"[General]\nlogging=INFO\n[Other]\nlogging=ERR\n[General]\nimporterSyncMode=true\n",
-         "logging=2 sync "},
-        {"[General\nlogging=INFO\n", ""},
-        {"[General]\ncolour=red\n=x\njust text\n[]\n[General]\nlogging=INFO\n", "logging=2 "},
-        {"[General]\nlogging=INFO\n\0importerSyncMode=true\n"s, "logging=2 "},
-        {"[General]\nlowerPriority=true\n[PremierePro]\naeLayerSettingsGPUEnabled3=false\n", ""},
-        {"[General]\nlogging=ERR\nprproHybridGPUCPUDecoding=true\nimporterSyncMode=true\n"
-         "enableCorrectXml=true\nenableAutoUpdate=false\n[PremierePro]\nlowerPriority=true\n"
-         "pproDisableTimecodeWarning=true\npproDisableSourceSettingsPanel=true\n[AfterEffects]"
-         "\nlowerPriority=true\n"
-         "ImporterOnlyOneFrameWhenLayerSettings=false\naeLayerSettingsGPUEnabled3=false\n",
-         "logging=4 hybrid correctXml noUpdate sync pproLower noTimecodeWarning aeOneFrame noSourcePanel "
-         "aeLower aeGpu "}};
+    } table[] = {{"", ""},
+                 {"[General]\nlogging = INFO", "logging=2 "},
+                 {"[general]\nLOGGING = INFO\n", "logging=2 "},
+                 {"; mine\r\n\r\n[General]\r\n# a note\r\n\r\n  logging  =  WARN  \r\n", "logging=3 "},
+                 {"\xEF\xBB\xBF[General]\nlogging=TRACE\n", "logging=0 "},
+                 {"[General]\nlogging=INFO\n[Other]\nlogging=ERR\n[General]\nimporterSyncMode=true\n",
+                  "logging=2 sync "},
+                 {"[General\nlogging=INFO\n", ""},
+                 {"[General]\ncolour=red\n=x\njust text\n[]\n[General]\nlogging=INFO\n", "logging=2 "},
+                 {"[General]\nlogging=INFO\n\0importerSyncMode=true\n"s, "logging=2 "},
+                 {"[General]\nlowerPriority=true\n[PremierePro]\naeLayerSettingsGPUEnabled3=false\n", ""},
+                 {"[General]\nprproHybridGPUCPUDecoding=true\n", "hybrid "},
+                 {"[General]\nenableCorrectXml=true\n", "correctXml "},
+                 {"[General]\nenableAutoUpdate=false\n", "noUpdate "},
+                 {"[General]\nenableAutoUpdate=true\n", ""},
+                 {"[PremierePro]\nlowerPriority=true\n", "pproLower "},
+                 {"[PremierePro]\npproDisableTimecodeWarning=true\n", "noTimecodeWarning "},
+                 {"[PremierePro]\npproDisableSourceSettingsPanel=true\n", "noSourcePanel "},
+                 {"[AfterEffects]\nlowerPriority=true\n", "aeLower "},
+                 {"[AfterEffects]\nImporterOnlyOneFrameWhenLayerSettings=false\n", "aeOneFrame "},
+                 {"[AfterEffects]\naeLayerSettingsGPUEnabled3=false\n", "aeGpu "}};
     for (const auto& [bytes, changed] : table)
         EXPECT_EQ(load(bytes), changed) << bytes;
 }

@@ -1,12 +1,15 @@
 #include "Utils/vdSystemInfo.h"
 
 #include <cstring>
+#include <iterator>
 #include <map>
 #include <sstream>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
 #include "Adobe/vdHostApp.h"
+#include "Imports.h"
 #include "Utils/vdResult.h"
 #include "Utils/vdSessionHeader.h"
 #include "Utils/vdText.h"
@@ -41,6 +44,11 @@ TEST(SystemInfo, CoresAndThreadsOfEveryKindOfProcessor) {
                  {intel, 11, 1, 8, 3, 0, 4, 0, 0, "0 4 4"},
                  {intel, 10, 1, 8, 3, 2, 16, 0, 0, "1 4 8"},
                  {intel, 4, 0, 8, 3, 0, 0, 0, 0, "1 1 1"},
+                 {intel, 4, 1, 1, 0, 0, 0, 0, 0, "1 1 2"},
+                 {intel, 4, 1, 16, 63, 0, 0, 0, 0, "1 1 16"}, // one more than the field can tell
+                 {intel, 3, 1, 8, 3, 0, 0, 0, 0, "1 1 8"},
+                 {amd, 16, 0, 12, 0, 0, 0, 0x80000008, 5, "1 1 1"},
+                 {amd, 0, 1, 12, 0, 0, 0, 0x80000008, 5, "1 1 2"},
                  {amd, 16, 1, 12, 0, 2, 16, 0x80000008, 5, "1 6 12"},
                  {amd, 16, 1, 4, 0, 2, 16, 0x80000007, 5, "1 1 4"},
                  {"CentaurHauls", 13, 1, 4, 3, 2, 16, 0x80000008, 5, "1 0 0"}};
@@ -85,23 +93,77 @@ TEST(SystemInfo, FeatureFlagsAndBrandComeFromTheirOwnPlaces) {
 }
 
 TEST(SystemInfo, WindowsNames) {
-    const auto named = [](int version, std::optional<uint32_t> build) {
-        return describeWindows([=](int major, int minor, int) { return version >= 10 * major + minor; },
-                               build);
-    };
-    EXPECT_EQ(named(100, 21999), "10 B21999");
-    EXPECT_EQ(named(100, 22000), "11 B22000");
-    EXPECT_EQ(named(100, {}), "10 or Greater");
-    EXPECT_EQ(named(63, 9600), "8Point1");
-    EXPECT_EQ(named(50, {}), "Unknown");
+    constexpr struct {
+        int major, minor, servicePack;
+        const char* name;
+    } table[] = {{10, 1, 0, "10 or Greater"},
+                 {10, 0, 0, "10 or Greater"},
+                 {6, 4, 0, "8Point1"},
+                 {6, 3, 0, "8Point1"},
+                 {6, 2, 0, "8 or 10"},
+                 {6, 1, 1, "7SP1"},
+                 {6, 1, 0, "7"},
+                 {6, 0, 2, "Vista SP2"},
+                 {6, 0, 1, "Vista SP1"},
+                 {6, 0, 0, "Vista"},
+                 {5, 1, 3, "XPSP3"},
+                 {5, 1, 2, "XPSP2"},
+                 {5, 1, 1, "XPSP1"},
+                 {5, 1, 0, "XP"},
+                 {5, 0, 4, "Unknown"}};
+    for (const auto& [major, minor, servicePack, name] : table) {
+        const auto isAtLeast = [mine = std::tuple(major, minor, servicePack)](int a, int b, int c) {
+            return mine >= std::tuple(a, b, c);
+        };
+        EXPECT_EQ(describeWindows(isAtLeast, {}), name);
+        EXPECT_EQ(describeWindows(isAtLeast, 21999), major >= 10 ? "10 B21999" : name);
+        EXPECT_EQ(describeWindows(isAtLeast, 22000), major >= 10 ? "11 B22000" : name);
+    }
 }
 
-TEST(SystemInfo, DrivesVersionsAndHosts) {
+namespace {
+BOOL WINAPI expectQuestion(OSVERSIONINFOEXW* wanted, DWORD fields, DWORDLONG conditions) {
+    DWORDLONG expected = 0;
+    for (const DWORD field : {DWORD{VER_MAJORVERSION}, DWORD{VER_MINORVERSION}, DWORD{VER_SERVICEPACKMAJOR}})
+        expected = VerSetConditionMask(expected, field, VER_GREATER_EQUAL);
+    EXPECT_EQ(conditions, expected);
+    EXPECT_EQ(fields, DWORD{VER_MAJORVERSION | VER_MINORVERSION | VER_SERVICEPACKMAJOR});
+    return wanted->dwMajorVersion == 6 && wanted->dwMinorVersion == 1 && wanted->wServicePackMajor == 2;
+}
+} // namespace
+
+TEST(SystemInfo, WindowsIsAskedForThreeNumbersAtOnce) {
+    const ReplacedImport verify("VerifyVersionInfoW", &expectQuestion);
+    EXPECT_TRUE(isWindowsVersionOrGreater(6, 1, 2));
+    EXPECT_FALSE(isWindowsVersionOrGreater(6, 2, 1));
+}
+
+TEST(SystemInfo, ProcessorLinesVersionsAndHosts) {
     std::ostringstream stream;
-    writeDrive(stream, L"?:\\");
-    EXPECT_EQ(stream.str(), "    - Drive ?:/ has :\n        - No answer from this drive\n");
-    EXPECT_EQ(versionToString({3, 1, 5, 2}), "3.1.5.beta2");
+    writeProcessor(stream, {"GenuineIntel", std::string("Brand\0", 6), 2, 8, 16, true, false, true, true,
+                            false, false, true, false});
+    EXPECT_EQ(stream.str(), "         - CPU vendor : GenuineIntel\n         - CPU Brand String : Brand\n"
+                            "         - Cores number : 8\n         - Logical cores number : 16\n"
+                            "         - Is CPU Hyper threaded : 1\n         - SSE : 0\n         - SSE2 : 1\n"
+                            "         - SSE3 : 1\n         - SSE41 : 0\n         - SSE42 : 0\n"
+                            "         - AVX : 1\n         - AVX2 : 0\n");
+    EXPECT_EQ(versionToString({3, 1, 5, 0}), "3.1.5");
+    EXPECT_EQ(versionToString({254, 10, 255, 2}), "254.10.255.beta2");
     EXPECT_EQ(versionToString({255, 2, 7, 1}), "Unknown Version. Infos : 2.7.beta1");
+    constexpr const char* hosts[] = {"Unknown",
+                                     "Premiere Pro",
+                                     "Premiere Elements",
+                                     "After Effects",
+                                     "Adobe Media Encoder",
+                                     "Cotton Wood",
+                                     "Prelude",
+                                     "Speed Grade",
+                                     "Audition",
+                                     "Character Animator",
+                                     "Desktop",
+                                     "11"};
+    for (uint8_t value = 0; value < std::size(hosts); ++value)
+        EXPECT_EQ(hostAppName(static_cast<vdHostApp>(value)), hosts[value]);
     EXPECT_EQ(hostAppName(static_cast<vdHostApp>(255)), "255");
 }
 

@@ -9,6 +9,7 @@
 #include <windows.h>
 
 #include "Utils/vdClock.h"
+#include "Utils/vdErrorMode.h"
 #include "Utils/vdPaths.h"
 #include "Utils/vdProduct.h"
 #include "Utils/vdSessionHeader.h"
@@ -72,20 +73,29 @@ void moveLastSessionAside(const std::string& filePath) {
     moveFile(filePath, lastSession);
 }
 
-void writeSessionHeader(std::string_view hostAndVersion) {
+/// The header's lines. Composed before anything is locked: a drive may take long to answer.
+std::string composeSessionHeader(std::string_view hostAndVersion) {
     const std::string rule(68, '-');
-    const std::lock_guard lock(g_logger.writing);
+    std::ostringstream header;
+    header.imbue(std::locale::classic());
+    header << rule << "\n";
+    try {
+        header.exceptions(std::ios::badbit | std::ios::failbit);
+        writeSessionHeaderBody(header, hostAndVersion);
+    } catch (...) {
+        header.exceptions(std::ios::goodbit);
+        header.clear();
+        header << "!! Stopped : Error happened !!\n";
+    }
+    header << rule << "\n";
+    return std::move(header).str();
+}
+
+void writeSessionHeader(std::string_view header) {
     moveLastSessionAside(g_logger.filePath);
     std::ofstream stream;
-    stream.imbue(std::locale::classic());
     openOutputStream(stream, g_logger.filePath, std::ios::trunc);
-    stream << rule << "\n";
-    try {
-        writeSessionHeaderBody(stream, hostAndVersion);
-    } catch (...) {
-        stream << "!! Stopped : Error happened !!\n";
-    }
-    stream << rule << "\n";
+    stream << header;
 }
 } // namespace
 
@@ -109,17 +119,17 @@ vdStatus getLogFolder(std::string& folder) {
 }
 
 void initLogging(vdLogLevel level, std::string_view fileName, vdHostApp hostApp, vdVersion version) noexcept {
+    const vdQuietErrors quiet;
     try {
         std::string folder;
         getLogFolder(folder);
-        const std::string hostAndVersion = hostAppName(hostApp) + " " + versionToString(version);
-        {
-            const std::lock_guard lock(g_logger.writing);
-            g_logger.filePath = joinPath(folder, fileName);
-            g_logger.initialised = true;
-        }
+        const std::string header =
+            composeSessionHeader(hostAppName(hostApp) + " " + versionToString(version));
+        const std::lock_guard lock(g_logger.writing);
+        g_logger.filePath = joinPath(folder, fileName);
+        g_logger.initialised = true;
         g_logThreshold = level;
-        writeSessionHeader(hostAndVersion);
+        writeSessionHeader(header);
     } catch (...) {
         // Out of memory: the session goes on with whatever of the log stands.
     }
@@ -132,6 +142,7 @@ void writeLog(std::string_view message, vdLogLevel level, std::string_view sourc
         return;
     try {
         const std::string line = composeLine(message, level, sourcePath, functionName);
+        const vdQuietErrors quiet;
         const std::lock_guard lock(g_logger.writing);
         if (!g_logger.initialised)
             return;

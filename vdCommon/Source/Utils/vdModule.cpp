@@ -1,5 +1,7 @@
 #include "Utils/vdModule.h"
 
+#include "Utils/vdErrorMode.h"
+
 extern "C" const char __ImageBase; // NOLINT(bugprone-reserved-identifier): the linker's name for it
 
 namespace {
@@ -33,6 +35,19 @@ private:
 };
 } // namespace
 
+namespace {
+/// Its dependencies are looked for beside it and in the system, never in the current folder, which may be the
+/// folder of the clips.
+HMODULE loadLibraryByItself(const wchar_t* path) noexcept {
+    const HMODULE library =
+        LoadLibraryExW(path, nullptr, LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32);
+    if (library != nullptr || GetLastError() != ERROR_INVALID_PARAMETER)
+        return library;
+    // Windows 7 before its update KB2533623 knows no such flags: there it comes before the current folder.
+    return LoadLibraryExW(path, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+}
+} // namespace
+
 HMODULE ownModule() noexcept {
     return reinterpret_cast<HMODULE>(const_cast<char*>(&__ImageBase));
 }
@@ -54,8 +69,9 @@ HMODULE loadLibraryIsolated(const std::wstring& path) noexcept {
     HMODULE library = nullptr;
     DWORD loadError = ERROR_SUCCESS;
     {
+        const vdQuietErrors quiet;
         const OwnActivationContext context;
-        library = LoadLibraryExW(path.c_str(), nullptr, 0);
+        library = loadLibraryByItself(path.c_str());
         loadError = GetLastError();
     }
     SetLastError(loadError);

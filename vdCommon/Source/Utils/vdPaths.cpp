@@ -1,12 +1,14 @@
 #include "Utils/vdPaths.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <cwchar>
 #include <filesystem>
+#include <optional>
 
+#include <fcntl.h>
 #include <io.h>
-#include <share.h>
 #include <sys/stat.h>
 #include <windows.h>
 
@@ -22,10 +24,13 @@ constexpr bool isSeparator(char c) {
     return c == '/' || c == '\\';
 }
 
-/// The variable's value as it is now, empty when it is missing.
-std::wstring environmentVariable(const wchar_t* name) {
+/// The variable's value as it is now; without one when it is missing.
+std::optional<std::wstring> environmentVariable(const wchar_t* name) {
     std::wstring value;
+    SetLastError(ERROR_SUCCESS);
     DWORD size = GetEnvironmentVariableW(name, nullptr, 0);
+    if (size == 0 && GetLastError() == ERROR_ENVVAR_NOT_FOUND)
+        return {};
     // Another thread may lengthen the variable between the two calls.
     while (size > value.size()) {
         value.resize(size);
@@ -33,6 +38,48 @@ std::wstring environmentVariable(const wchar_t* name) {
     }
     value.resize(size);
     return value;
+}
+
+/// Hinders nobody: others may read, write, move and delete the file meanwhile, and no program that the host
+/// starts inherits it.
+HANDLE openShared(std::string_view path, DWORD access, DWORD disposition) {
+    return CreateFileW(utf8ToUtf16(path).c_str(), access,
+                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, disposition,
+                       FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+/// What the runtime library says to Windows' most common refusals.
+int errnoOf(DWORD error) {
+    switch (error) {
+    case ERROR_FILE_NOT_FOUND:
+    case ERROR_PATH_NOT_FOUND:
+    case ERROR_BAD_NETPATH:
+    case ERROR_BAD_NET_NAME:
+        return ENOENT;
+    case ERROR_ACCESS_DENIED:
+    case ERROR_SHARING_VIOLATION:
+    case ERROR_LOCK_VIOLATION:
+        return EACCES;
+    case ERROR_TOO_MANY_OPEN_FILES:
+        return EMFILE;
+    case ERROR_NOT_ENOUGH_MEMORY:
+        return ENOMEM;
+    default:
+        return EINVAL;
+    }
+}
+
+/// How much of a path with forward slashes is its root, which is there or is not, but is never made: a server
+/// and its share, or the two parts of a "\\?\" prefix, behind which "UNC" stands for two more. A drive is one
+/// level like others.
+std::size_t rootLength(std::string_view path) {
+    constexpr std::string_view longShare = "//?/UNC/";
+    if (!path.starts_with("//"))
+        return 0;
+    std::size_t end = path.starts_with(longShare) ? longShare.size() - 1 : 1;
+    for (int parts = 0; parts < 2 && end != std::string_view::npos; ++parts)
+        end = path.find('/', end + 1);
+    return std::min(end, path.size());
 }
 } // namespace
 
@@ -94,7 +141,8 @@ vdStatus createDirectory(std::string_view path) {
 
 vdStatus createDirectories(std::string_view path) {
     const std::string folder = stripTrailingSeparators(toForwardSlashes(path));
-    for (std::size_t i = folder.find('/', 1); i != std::string::npos; i = folder.find('/', i + 1))
+    for (std::size_t i = folder.find('/', rootLength(folder) + 1); i != std::string::npos;
+         i = folder.find('/', i + 1))
         if (const vdStatus status = createDirectory(std::string_view(folder).substr(0, i)); status.failed)
             return status;
     return createDirectory(folder);
@@ -120,8 +168,19 @@ vdStatus removeDirectory(std::string_view path) {
                      std::strerror(error));
 }
 
-FILE* openForReading(std::string_view path) {
-    return _wfsopen(utf8ToUtf16(path).c_str(), L"r", _SH_DENYNO);
+FILE* openForReading(std::string_view path, const char* mode) {
+    const HANDLE handle = openShared(path, GENERIC_READ, OPEN_EXISTING);
+    if (handle == INVALID_HANDLE_VALUE) {
+        errno = errnoOf(GetLastError());
+        return nullptr;
+    }
+    const int file = _open_osfhandle(reinterpret_cast<intptr_t>(handle), _O_RDONLY | _O_NOINHERIT);
+    FILE* const stream = file != -1 ? _fdopen(file, mode) : nullptr;
+    if (file == -1)
+        CloseHandle(handle);
+    else if (stream == nullptr)
+        _close(file);
+    return stream;
 }
 
 void openOutputStream(std::ofstream& stream, std::string_view path, std::ios::openmode mode) {
@@ -140,10 +199,10 @@ std::wstring normaliseLibraryFolder(std::wstring_view folder) {
 }
 
 vdStatus getUserHomeFolder(std::string& folder) {
-    const std::wstring profile = environmentVariable(profileVariable);
-    if (profile.empty())
+    const std::optional<std::wstring> profile = environmentVariable(profileVariable);
+    if (!profile)
         return vdFailure("getUserHomeFolder - Impossible to get USERPROFILE env ...");
-    std::string home = utf16ToUtf8(profile);
+    std::string home = utf16ToUtf8(*profile);
     if (home.empty() || !isDirectory(home))
         return vdFailure("Impossible to get User Folder Path ...");
     folder = std::move(home);
@@ -181,7 +240,9 @@ vdStatus getOptionsFilePath(std::string& path) {
     if (fileExists(path))
         return {};
     // Looking for the file may have failed for another reason: one that is there keeps what it holds.
-    std::ofstream empty;
-    openOutputStream(empty, path, std::ios::binary | std::ios::app);
-    return empty.is_open() ? vdStatus() : vdFailure("Impossible to open new Ini File");
+    const HANDLE file = openShared(path, FILE_APPEND_DATA, OPEN_ALWAYS);
+    if (file == INVALID_HANDLE_VALUE)
+        return vdFailure("Impossible to open new Ini File");
+    CloseHandle(file);
+    return {};
 }

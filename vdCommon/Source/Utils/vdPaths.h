@@ -27,7 +27,7 @@ int64_t fileSize(std::string_view path);
 
 /// An existing folder counts as success.
 vdStatus createDirectory(std::string_view path);
-/// Creates every missing level.
+/// Creates every missing level. A server and its share are not levels: they are there or they are not.
 vdStatus createDirectories(std::string_view path);
 vdStatus moveFile(std::string_view from, std::string_view to);
 /// A missing file counts as success.
@@ -35,9 +35,10 @@ vdStatus removeFile(std::string_view path);
 /// The folder must be empty.
 vdStatus removeDirectory(std::string_view path);
 
-/// Opens for reading without hindering other readers or writers; null on failure, with errno set. The caller
-/// closes it.
-FILE* openForReading(std::string_view path);
+/// Opens for reading, "r" or "rb", and hinders nobody: others may read, write, move and delete the file
+/// meanwhile, and processes that are started then do not inherit it. Null on failure, with errno set. The
+/// caller closes it.
+FILE* openForReading(std::string_view path, const char* mode = "r");
 /// Opens `stream` for output on `path`, closing what it had open. Success shows in stream.is_open().
 void openOutputStream(std::ofstream& stream, std::string_view path, std::ios::openmode mode);
 

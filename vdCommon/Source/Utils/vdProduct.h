@@ -25,6 +25,3 @@ struct vdProductInfo {
 constexpr vdProductInfo productInfo() {
     return {};
 }
-
-/// The constants need no filling.
-constexpr void setProductInfo() {}

@@ -9,21 +9,8 @@
 #include <windows.h>
 
 #include "Utils/vdProduct.h"
-#include "Utils/vdSystemInfo.h"
 
 namespace {
-/// A drive without a medium answers with an error instead of asking the user for one.
-class QuietErrors {
-public:
-    QuietErrors() { SetThreadErrorMode(SEM_FAILCRITICALERRORS, &m_previous); }
-    ~QuietErrors() { SetThreadErrorMode(m_previous, nullptr); }
-    QuietErrors(const QuietErrors&) = delete;
-    QuietErrors& operator=(const QuietErrors&) = delete;
-
-private:
-    DWORD m_previous = 0;
-};
-
 void writeSystem(std::ostream& stream) {
     SYSTEM_INFO info = {};
     GetSystemInfo(&info);
@@ -37,6 +24,7 @@ void writeSystem(std::ostream& stream) {
            << "         - Active processor mask: " << info.dwActiveProcessorMask << "\n";
 }
 
+/// Of this machine's processor.
 void writeCpu(std::ostream& stream) {
     vdCpuInfo cpu;
     try {
@@ -45,19 +33,7 @@ void writeCpu(std::ostream& stream) {
         stream << "         - CPU : Impossible to get CPU INFOs\n";
         return;
     }
-    // The brand is padded with zeros, which have no place in a text file.
-    stream << "         - CPU vendor : " << cpu.vendor << "\n"
-           << "         - CPU Brand String : " << cpu.brand.c_str() << "\n"
-           << "         - Cores number : " << cpu.cores << "\n"
-           << "         - Logical cores number : " << cpu.logicalProcessors << "\n"
-           << "         - Is CPU Hyper threaded : " << cpu.hyperThreading << "\n"
-           << "         - SSE : " << cpu.sse << "\n"
-           << "         - SSE2 : " << cpu.sse2 << "\n"
-           << "         - SSE3 : " << cpu.sse3 << "\n"
-           << "         - SSE41 : " << cpu.sse41 << "\n"
-           << "         - SSE42 : " << cpu.sse42 << "\n"
-           << "         - AVX : " << cpu.avx << "\n"
-           << "         - AVX2 : " << cpu.avx2 << "\n";
+    writeProcessor(stream, cpu);
 }
 
 bool isWorkstation() {
@@ -108,7 +84,6 @@ void writeDrives(std::ostream& stream) {
     const DWORD length = GetLogicalDriveStringsW(static_cast<DWORD>(roots.size()), roots.data());
     if (length >= roots.size())
         return;
-    const QuietErrors quiet;
     for (const wchar_t* root = roots.data(); *root != L'\0'; root += std::wcslen(root) + 1)
         writeDrive(stream, root);
 }
@@ -121,6 +96,22 @@ std::string localDateTimeText() {
     if (localtime_s(&local, &now) == 0)
         std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
     return text;
+}
+
+void writeProcessor(std::ostream& stream, const vdCpuInfo& cpu) {
+    // The brand is padded with zeros, which have no place in a text file.
+    stream << "         - CPU vendor : " << cpu.vendor << "\n"
+           << "         - CPU Brand String : " << cpu.brand.c_str() << "\n"
+           << "         - Cores number : " << cpu.cores << "\n"
+           << "         - Logical cores number : " << cpu.logicalProcessors << "\n"
+           << "         - Is CPU Hyper threaded : " << cpu.hyperThreading << "\n"
+           << "         - SSE : " << cpu.sse << "\n"
+           << "         - SSE2 : " << cpu.sse2 << "\n"
+           << "         - SSE3 : " << cpu.sse3 << "\n"
+           << "         - SSE41 : " << cpu.sse41 << "\n"
+           << "         - SSE42 : " << cpu.sse42 << "\n"
+           << "         - AVX : " << cpu.avx << "\n"
+           << "         - AVX2 : " << cpu.avx2 << "\n";
 }
 
 void writeDrive(std::ostream& stream, const wchar_t* root) {

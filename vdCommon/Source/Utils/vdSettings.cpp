@@ -6,10 +6,11 @@
 #include <memory>
 #include <optional>
 
+#include "Utils/vdErrorMode.h"
+#include "Utils/vdGuard.h"
 #include "Utils/vdPaths.h"
 #include "Utils/vdPresets.h"
 #include "Utils/vdSettingsDocument.h"
-#include "Utils/vdText.h"
 
 namespace {
 /// No settings file written by a person or a host comes near this size. One beyond it is not ours, and the
@@ -18,8 +19,7 @@ constexpr long largestSettingsFile = 1024 * 1024;
 
 /// The file's bytes; without value when it cannot be read.
 std::optional<std::string> readSettingsFile(const std::string& path) {
-    const std::unique_ptr<FILE, decltype(&std::fclose)> file(_wfopen(utf8ToUtf16(path).c_str(), L"rb"),
-                                                             &std::fclose);
+    const std::unique_ptr<FILE, decltype(&std::fclose)> file(openForReading(path, "rb"), &std::fclose);
     if (!file || std::fseek(file.get(), 0, SEEK_END) != 0)
         return {};
     const long size = std::ftell(file.get());
@@ -99,13 +99,16 @@ void resetOptions() {
     options() = vdOptions();
 }
 
-void loadOptions() {
-    std::string path;
-    if (getOptionsFilePath(path).failed)
-        return;
-    const std::optional<std::string> bytes = readSettingsFile(path);
-    resetOptions();
-    if (!bytes)
-        return;
-    readOptions(vdSettingsDocument(*bytes));
+void loadOptions() noexcept {
+    const vdQuietErrors quiet;
+    guardBoundary([] {
+        std::string path;
+        if (getOptionsFilePath(path).failed)
+            return S_FALSE;
+        const std::optional<std::string> bytes = readSettingsFile(path);
+        resetOptions();
+        if (bytes)
+            readOptions(vdSettingsDocument(*bytes));
+        return S_OK;
+    });
 }

@@ -33,5 +33,6 @@ struct vdOptions {
 vdOptions& options();
 void resetOptions();
 /// Reads the settings file. Without a profile folder the options stay as they are; an unreadable file gives
-/// the reset values; a malformed value leaves its own field alone.
-void loadOptions();
+/// the reset values; a malformed value leaves its own field alone. What memory does not suffice for is left
+/// out: no host is refused its thumbnail for an option.
+void loadOptions() noexcept;

@@ -30,7 +30,7 @@ STDAPI DllGetClassObject(REFCLSID rclsid, REFIID riid, LPVOID* ppv) {
 }
 
 STDAPI DllRegisterServer() {
-    return guardBoundary([] { return registerGuard(g_moduleHandle); });
+    return guardBoundary([] { return registerGuard(); });
 }
 
 STDAPI DllUnregisterServer() {

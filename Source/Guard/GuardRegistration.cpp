@@ -15,9 +15,9 @@ HRESULT tellShell(HRESULT hr) {
 }
 } // namespace
 
-HRESULT registerGuard(HMODULE module) {
+HRESULT registerGuard() {
     std::wstring path;
-    if (const HRESULT hr = findModulePath(module, path); FAILED(hr))
+    if (const HRESULT hr = findModulePath(path); FAILED(hr))
         return hr;
     return tellShell(writeSharedValues(HKEY_LOCAL_MACHINE, memoryKey, guardValues(path)));
 }

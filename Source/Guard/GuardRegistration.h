@@ -6,7 +6,7 @@
 /// Binds clips to the guard for the whole machine, remembers what they were bound to, and tells the shell.
 /// The file type and its open verb are the handler's. The first value that cannot be written ends it. May
 /// throw std::bad_alloc.
-HRESULT registerGuard(HMODULE module);
+HRESULT registerGuard();
 
 /// Binds clips to what they were bound to before, where they are bound to the guard still, and deletes what
 /// is the guard's own. May throw std::bad_alloc.

@@ -179,27 +179,33 @@ TEST_F(Failures, StrangeButGoodNames) {
         RemoveDirectoryW((L"\\\\?\\" + longFolder).c_str());
 }
 
+TEST_F(Failures, Sizes) {
+    const std::wstring path = writeClip();
+    // More bytes than a bitmap can have; some of these products are 0 in 32 bits.
+    for (const UINT size : {0u, 32768u, 65536u, 100000u, 0x80000000u, 4294967295u}) {
+        SCOPED_TRACE(size);
+        expectFailed(path, size);
+    }
+    EXPECT_EQ(4, ask(path, 1).size.cy);
+    EXPECT_EQ(4096, ask(path, 4096).size.cy);
+}
+
 int g_bitmapsAskedFor = 0;
 HBITMAP WINAPI refuseBitmap(HDC, const BITMAPINFO*, UINT, void**, HANDLE, DWORD) {
     ++g_bitmapsAskedFor;
     return nullptr;
 }
 
-TEST_F(Failures, Sizes) {
+// GDI's own sums have 32 bits. 23170 is the largest square.
+TEST_F(Failures, BitmapsThatCannotBeAreNoQuestionToGdi) {
     const std::wstring path = writeClip();
-    {
-        // More bytes than a bitmap can have are no question to GDI, whose own sums have 32 bits: some of
-        // these products are 0 there. 23170 is the largest square.
-        const ReplacedImport bitmaps("CreateDIBSection", &refuseBitmap, m_handler->get());
-        for (const UINT size : {0u, 23170u, 23171u, 32768u, 65536u, 100000u, 0x80000000u, 4294967295u}) {
-            SCOPED_TRACE(size);
-            g_bitmapsAskedFor = 0;
-            expectFailed(path, size);
-            EXPECT_EQ(size == 23170 ? 1 : 0, g_bitmapsAskedFor);
-        }
+    const ReplacedImport bitmaps("CreateDIBSection", &refuseBitmap, m_handler->get());
+    for (const UINT size : {23170u, 23171u, 32768u, 65536u, 0x80000000u}) {
+        SCOPED_TRACE(size);
+        g_bitmapsAskedFor = 0;
+        expectFailed(path, size);
+        EXPECT_EQ(size == 23170 ? 1 : 0, g_bitmapsAskedFor);
     }
-    EXPECT_EQ(4, ask(path, 1).size.cy);
-    EXPECT_EQ(4096, ask(path, 4096).size.cy);
 }
 
 TEST_F(Failures, EachOfTheDecodersHasItsResult) {

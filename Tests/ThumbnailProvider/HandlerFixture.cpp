@@ -62,6 +62,7 @@ std::vector<uint8_t> readPixels(HBITMAP bitmap, SIZE size) {
 
 void HandlerTest::SetUp() {
     m_decoder.reset();
+    DeleteDC(CreateCompatibleDC(nullptr)); // with a process's first one come objects of the system's own
     m_gdiObjects = countGdiObjects();
     load(productFolder("bin"));
 }

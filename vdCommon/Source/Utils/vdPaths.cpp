@@ -27,9 +27,8 @@ constexpr bool isSeparator(char c) {
 /// The variable's value as it is now; without one when it is missing.
 std::optional<std::wstring> environmentVariable(const wchar_t* name) {
     std::wstring value;
-    SetLastError(ERROR_SUCCESS);
-    DWORD size = GetEnvironmentVariableW(name, nullptr, 0);
-    if (size == 0 && GetLastError() == ERROR_ENVVAR_NOT_FOUND)
+    DWORD size = GetEnvironmentVariableW(name, nullptr, 0); // an empty one has room for its terminator
+    if (size == 0)
         return {};
     // Another thread may lengthen the variable between the two calls.
     while (size > value.size()) {

@@ -15,10 +15,6 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-/// Where the library lies when a host integration has installed it.
-constexpr std::string_view hostPluginFolder =
-    "C:\\Program Files\\Adobe\\Common\\Plug-ins\\7.0\\MediaCore\\Clipforge\\";
-
 /// Serialises check, load and create, so that one library serves all instances. Lives as long as this module.
 class LoaderMutex {
 public:
@@ -197,7 +193,7 @@ int32_t initBM(Instance& instance) {
     const std::string ownFolder = utf16ToUtf8(GetDylibParentFolderPath());
     if (!ownFolder.empty() && tryToInitBM(instance, ownFolder))
         return 0;
-    return tryToInitBM(instance, hostPluginFolder) ? 0 : 1;
+    return tryToInitBM(instance, utf16ToUtf8(BlackmagicRawAPIHostFolder)) ? 0 : 1;
 }
 
 bool tryToInitBM(Instance& instance, std::string_view folder) {

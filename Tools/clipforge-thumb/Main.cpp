@@ -8,6 +8,7 @@
 #include "CommandLine.h"
 #include "Console.h"
 #include "CrashReport.h"
+#include "Probe.h"
 #include "ThumbnailCommand.h"
 
 namespace {
@@ -15,7 +16,10 @@ namespace {
 constexpr wchar_t kUsage[] =
     L"usage: clipforge-thumb CLIP... [--size N] [--out FILE.png | FOLDER] [--dll PATH]\n"
     L"       asks the handler for each clip's picture, as Explorer would, for a size of N (256), and writes\n"
-    L"       it to FILE.png, or to FOLDER as CLIP.png. --dll asks a DLL that is not registered.\n";
+    L"       it to FILE.png, or to FOLDER as CLIP.png. --dll asks a DLL that is not registered.\n"
+    L"\n"
+    L"       clipforge-thumb probe CLIP [--library FILE] [--out FILE.png]\n"
+    L"       tries a decoder library call by call, in a process of its own, and tells what does not fit.\n";
 
 struct Command {
     std::wstring_view name;
@@ -26,6 +30,8 @@ int help(Words) {
     return EXIT_DONE;
 }
 constexpr Command kCommands[] = {
+    {L"probe", runProbe},
+    {L"probe-child", runProbeChild},
     {L"--help", help},
 };
 

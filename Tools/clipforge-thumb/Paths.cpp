@@ -62,6 +62,17 @@ std::wstring fileName(const std::wstring& path) {
     return path.substr(path.find_last_of(L"\\/") + 1); // npos + 1 is 0
 }
 
+std::wstring folderOf(const std::wstring& path) {
+    return path.substr(0, path.size() - fileName(path).size());
+}
+
+int64_t fileSize(const std::wstring& path) {
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data))
+        return -1;
+    return static_cast<int64_t>(data.nFileSizeHigh) << 32 | data.nFileSizeLow;
+}
+
 bool isFolder(const std::wstring& path) {
     const DWORD attributes = GetFileAttributesW(path.c_str());
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;

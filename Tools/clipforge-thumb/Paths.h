@@ -1,12 +1,17 @@
 // Files as a person names them: what they are, and what keeps them from being read.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 /// The path as Windows' functions and the handler take it. An empty one stays empty.
 std::wstring fullPath(const std::wstring& path);
 /// What stands behind the last separator.
 std::wstring fileName(const std::wstring& path);
+/// Up to the last separator and with it; empty when there is none.
+std::wstring folderOf(const std::wstring& path);
+/// In bytes; -1 when there is no such file.
+int64_t fileSize(const std::wstring& path);
 bool isFolder(const std::wstring& path);
 /// Both lead to one file, whatever they are spelled like; false when either leads to none.
 bool isSameFile(const std::wstring& first, const std::wstring& second);

@@ -118,9 +118,6 @@ TEST_F(ThumbnailCommand, AsksTheRegisteredHandler) {
     EXPECT_EQ(0u, asked.exitCode) << asked.errors;
     expectPicture(inside(L"p.png"), clip, 1);
     ASSERT_EQ(S_OK, handler.call("DllUnregisterServer"));
-    const ProgramRun gone = run({path}, {});
-    EXPECT_EQ(1u, gone.exitCode);
-    EXPECT_NE(std::string::npos, gone.errors.find("not registered")) << gone.errors;
 }
 
 TEST_F(ThumbnailCommand, SeveralClipsInOneCall) {
@@ -219,7 +216,8 @@ TEST_F(ThumbnailCommand, AHandlerThatCrashesOrWouldOpenAWindow) {
     const ProgramRun crashed = ask();
     EXPECT_EQ(1u, crashed.exitCode);
     EXPECT_EQ(1u, crashed.errorLines());
-    EXPECT_TRUE(crashed.errors.starts_with("clipforge-thumb: crashed: 0xC0000005 ")) << crashed.errors;
+    EXPECT_TRUE(crashed.errors.starts_with("clipforge-thumb: crashed: access violation writing 0x0 in "))
+        << crashed.errors;
     EXPECT_NE(std::string::npos, crashed.errors.find(" in StrangeHandler.dll+0x")) << crashed.errors;
 }
 } // namespace

@@ -1,18 +1,22 @@
-// The tests' entry point; the same program is also the child that a probe starts.
+// The tests' entry point; the same program is also the child that a probe or a doctor starts.
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <objbase.h>
 
 #include "CrashReport.h"
+#include "PictureChild.h"
 #include "Probe.h"
 
 int wmain(int count, wchar_t** values) {
-    if (count > 1 && values[1] == std::wstring_view(L"probe-child")) {
+    const std::wstring_view command = count > 1 ? values[1] : L"";
+    if (command == L"probe-child" || command == L"picture-child") {
         reportCrashesOnOneLine();
         CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-        return runProbeChild(std::vector<std::wstring_view>(values + 2, values + count));
+        const std::vector<std::wstring_view> words(values + 2, values + count);
+        return command == L"probe-child" ? runProbeChild(words) : runPictureChild(words);
     }
     testing::InitGoogleTest(&count, values);
     return RUN_ALL_TESTS();

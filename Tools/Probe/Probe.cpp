@@ -10,6 +10,7 @@
 #include <windows.h>
 
 #include "BlackmagicRawAPIFile.h"
+#include "ChildProcess.h"
 #include "Console.h"
 #include "LibraryFile.h"
 #include "Paths.h"
@@ -26,98 +27,38 @@ using probe::Row;
 using probe::Stage;
 using probe::Verdict;
 
-class OwnedHandle {
-public:
-    explicit OwnedHandle(HANDLE handle = nullptr) : m_handle(handle) {}
-    ~OwnedHandle() {
-        if (m_handle != nullptr)
-            CloseHandle(m_handle);
-    }
-    OwnedHandle(const OwnedHandle&) = delete;
-    OwnedHandle& operator=(const OwnedHandle&) = delete;
-    HANDLE get() const { return m_handle; }
-
-private:
-    HANDLE m_handle;
-};
-
 /// How the meeting ended, beside what the rows say.
 enum class End { complete, crashed, stoodStill, vanished };
 
-// Arguments hold no quotes: no Windows path does.
-std::wstring quoted(const std::wstring& text) {
-    const size_t end = text.find_last_not_of(L'\\') + 1;
-    return L"\"" + text + std::wstring(text.size() - end, L'\\') + L"\" ";
-}
-
-/// The child and the block that it reports in. The child ends with this object at the latest.
-class Child {
+/// The block that the child reports in, under a handle that the child inherits.
+class SharedReport {
 public:
-    explicit Child(const ProbeRequest& request)
-        : m_section(makeSection()), m_report(static_cast<Report*>(MapViewOfFile(
-                                        m_section.get(), FILE_MAP_ALL_ACCESS, 0, 0, sizeof(Report)))) {
-        if (m_report == nullptr)
-            throw CommandError(L"there is no memory for the child's report: " + describe(lastError()));
-        start(request);
+    SharedReport() {
+        SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
+        m_section = CreateFileMappingW(INVALID_HANDLE_VALUE, &inheritable, PAGE_READWRITE, 0, sizeof(Report),
+                                       nullptr);
+        if (m_section != nullptr)
+            m_report =
+                static_cast<Report*>(MapViewOfFile(m_section, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(Report)));
+        if (m_report != nullptr)
+            return;
+        const HRESULT result = lastError();
+        CloseHandle(m_section);
+        throw CommandError(L"there is no memory for the child's report: " + describe(result));
     }
-    ~Child() {
-        terminate();
+    ~SharedReport() {
         UnmapViewOfFile(m_report);
-        CloseHandle(m_process.hThread);
-        CloseHandle(m_process.hProcess);
+        CloseHandle(m_section);
     }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
+    SharedReport(const SharedReport&) = delete;
+    SharedReport& operator=(const SharedReport&) = delete;
 
-    Report& report() const { return *m_report; }
-    bool hasEnded(DWORD milliseconds) const {
-        return WaitForSingleObject(m_process.hProcess, milliseconds) == WAIT_OBJECT_0;
-    }
-    void terminate() const {
-        TerminateProcess(m_process.hProcess, EXIT_FAILED);
-        WaitForSingleObject(m_process.hProcess, 2'000);
-    }
-    DWORD exitCode() const {
-        DWORD code = 0;
-        GetExitCodeProcess(m_process.hProcess, &code);
-        return code;
-    }
+    const Report& get() const { return *m_report; }
+    std::wstring handleText() const { return std::to_wstring(reinterpret_cast<uintptr_t>(m_section)); }
 
 private:
-    static HANDLE makeSection() {
-        SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
-        return CreateFileMappingW(INVALID_HANDLE_VALUE, &inheritable, PAGE_READWRITE, 0, sizeof(Report),
-                                  nullptr);
-    }
-    void start(const ProbeRequest& request) {
-        std::wstring program(32'768, L'\0');
-        program.resize(GetModuleFileNameW(nullptr, program.data(), static_cast<DWORD>(program.size())));
-        std::wstring line = quoted(program) + L"probe-child " +
-                            std::to_wstring(reinterpret_cast<uintptr_t>(m_section.get())) + L" " +
-                            quoted(request.clip) + quoted(request.library);
-        if (!request.picture.empty())
-            line += quoted(request.picture);
-        // What the library may print is not part of the report, so the child gets no standard handles.
-        STARTUPINFOW startup{};
-        startup.cb = sizeof startup;
-        startup.dwFlags = STARTF_USESTDHANDLES;
-        if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE,
-                            CREATE_SUSPENDED | CREATE_NO_WINDOW, nullptr, nullptr, &startup, &m_process)) {
-            UnmapViewOfFile(m_report);
-            throw CommandError(L"the child process cannot be started: " + describe(lastError()));
-        }
-        // A child that stands still does not outlive this program. Where a job is refused, it may.
-        JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
-        limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
-        SetInformationJobObject(m_job.get(), JobObjectExtendedLimitInformation, &limits, sizeof limits);
-        AssignProcessToJobObject(m_job.get(), m_process.hProcess);
-        ResumeThread(m_process.hThread);
-    }
-
-    OwnedHandle m_section;
-    OwnedHandle m_job{CreateJobObjectW(nullptr, nullptr)};
-    Report* m_report;
-    PROCESS_INFORMATION m_process{};
+    HANDLE m_section = nullptr;
+    Report* m_report = nullptr;
 };
 
 template <size_t size>
@@ -225,21 +166,26 @@ std::wstring goodAdvice(const std::wstring& library) {
 class Probe {
 public:
     Probe(const ProbeRequest& request, const std::function<void(const std::wstring&)>& onRow)
-        : m_library(request.library), m_patience(request.patience), m_onRow(onRow), m_child(request) {}
+        : m_library(request.library), m_patience(request.patience), m_onRow(onRow),
+          m_child(argumentsFor(request)) {}
 
     ProbeOutcome run() {
         const End end = watch();
         tellEndedRows();
         judge(end);
-        for (const auto& line : m_child.report().sketch)
+        for (const auto& line : m_report.get().sketch)
             if (line[0] != L'\0')
                 m_outcome.sketch += L"      " + textOf(line) + L"\n";
         return std::move(m_outcome);
     }
 
 private:
+    std::vector<std::wstring> argumentsFor(const ProbeRequest& request) const {
+        return {L"probe-child", m_report.handleText(), request.clip, request.library, request.picture};
+    }
+
     End watch() {
-        const Report& report = m_child.report();
+        const Report& report = m_report.get();
         uint32_t progress = 0;
         ULONGLONG changed = GetTickCount64();
         constexpr DWORD interval = 50;
@@ -261,7 +207,7 @@ private:
     /// In the order in which they ended: calls that the library makes lie within calls of ours.
     void tellEndedRows() {
         std::vector<uint32_t> ended;
-        const Report& report = m_child.report();
+        const Report& report = m_report.get();
         const uint32_t count = std::min(report.rowCount.load(), Report::maximumRows);
         for (uint32_t i = 0; i < count; ++i)
             if (report.rows[i].verdict > Verdict::running && m_told.insert(i).second)
@@ -310,7 +256,7 @@ private:
     /// The last that is running on the crashed thread, or on any; what the library owes when that one only
     /// waits, or when a thread of its own crashed.
     BrokenCall findBrokenCall(End end) const {
-        const Report& report = m_child.report();
+        const Report& report = m_report.get();
         const Row* last = nullptr;
         const uint32_t count = std::min(report.rowCount.load(), Report::maximumRows);
         for (uint32_t i = 0; i < count; ++i) {
@@ -319,14 +265,15 @@ private:
                 (end != End::crashed || row.thread == report.crashedThread))
                 last = &row;
         }
-        const bool isWaiting = last == nullptr || wcscmp(stageOf(*last).operation, L"FlushJobs") == 0;
+        const bool isWaiting =
+            last == nullptr || (end != End::crashed && wcscmp(stageOf(*last).operation, L"FlushJobs") == 0);
         if (isWaiting && report.awaitedStage < probe::stages().size())
             return {&probe::stages()[report.awaitedStage], true};
         return last != nullptr ? BrokenCall{&stageOf(*last)} : BrokenCall{};
     }
 
     void noteBrokenCall(End end) {
-        const Report& report = m_child.report();
+        const Report& report = m_report.get();
         const auto [stage, isAwaited] = findBrokenCall(end);
         Finding finding{L"ENDED", L"", stage->slot != nullptr ? kMisfit : stage->meaning,
                         stage->slot != nullptr ? Remedy::declarations : stage->remedy};
@@ -358,7 +305,8 @@ private:
     std::wstring m_library;
     DWORD m_patience;
     const std::function<void(const std::wstring&)>& m_onRow;
-    Child m_child;
+    SharedReport m_report;
+    ChildProcess m_child;
     std::set<uint32_t> m_told;
     size_t m_number = 0;
     ProbeOutcome m_outcome;
@@ -424,10 +372,9 @@ int runProbe(Words words) {
 }
 
 int runProbeChild(Words words) {
-    if (words.size() < 3)
+    if (words.size() != 4)
         return EXIT_USAGE;
     const auto section =
         reinterpret_cast<HANDLE>(static_cast<uintptr_t>(std::stoull(std::wstring(words[0]))));
-    probe::meetInThisProcess(section, std::wstring(words[1]), std::wstring(words[2]),
-                             words.size() > 3 ? std::wstring(words[3]) : L"");
+    probe::meetInThisProcess(section, std::wstring(words[1]), std::wstring(words[2]), std::wstring(words[3]));
 }

@@ -9,7 +9,7 @@
 
 #include "CommandLine.h"
 
-/// Full paths; `picture` may be empty.
+/// Full paths; `picture` may be empty. Without a clip the meeting ends before one would be opened.
 struct ProbeRequest {
     std::wstring clip;
     std::wstring library;

@@ -118,7 +118,7 @@ bool Meeting::walk(Segment segment) {
 }
 
 void Meeting::walk() {
-    if (walk(Segment::opening) && !m_isTroubled) {
+    if (walk(Segment::starting) && !m_clip.empty() && walk(Segment::opening) && !m_isTroubled) {
         if (!isPictureThere(2'000))
             tellMissingCompletion();
         else if (!m_isTroubled)

@@ -344,96 +344,96 @@ constexpr const wchar_t* kBadRelease = L"something is given back that the librar
 
 // clang-format off
 constexpr Stage kStages[] = {
-    {opening, L"", L"LoadLibraryEx", L"", nullptr, nullptr, needed, library,
+    {starting, L"", L"LoadLibraryEx", L"", nullptr, nullptr, needed, library,
      L"a DLL that the library needs is missing beside it, or it refuses to start on this machine",
      RUN { HELD;
          h.module = LoadLibraryExW(m.libraryPath().c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
          return {h.module != nullptr ? S_OK : lastError()}; }},
-    {opening, L"", L"GetProcAddress", L"CreateBlackmagicRawFactoryInstance", nullptr, nullptr, needed, library,
+    {starting, L"", L"GetProcAddress", L"CreateBlackmagicRawFactoryInstance", nullptr, nullptr, needed, library,
      L"this is a DLL, but not the decoder library: it has no such entry point",
      RUN { HELD;
          const FARPROC entry = GetProcAddress(h.module, "CreateBlackmagicRawFactoryInstance");
          h.entry = reinterpret_cast<CreateBlackmagicRawFactoryInstanceFunction>(reinterpret_cast<void*>(entry));
          return {entry != nullptr ? S_OK : lastError()}; }},
-    {opening, L"", L"CreateBlackmagicRawFactoryInstance", L"", nullptr, nullptr, needed, library, kRefusedStart,
+    {starting, L"", L"CreateBlackmagicRawFactoryInstance", L"", nullptr, nullptr, needed, library, kRefusedStart,
      RUN { HELD; *h.factory.ReleaseAndGetAddressOf() = h.entry(); return objectGiven(S_OK, h.factory.Get()); }},
 
-    {opening, CALL(IBlackmagicRawFactory, CreatePipelineIterator, L""), needed, declarations, kUnknownOperation,
+    {starting, CALL(IBlackmagicRawFactory, CreatePipelineIterator, L""), needed, declarations, kUnknownOperation,
      RUN { HELD;
          const HRESULT result = h.factory->CreatePipelineIterator(blackmagicRawInteropNone, &h.pipelines);
          return objectGiven(result, h.pipelines.Get()); }},
-    {opening, CALL(IBlackmagicRawPipelineIterator, GetPipeline, L"the first"), needed, declarations, kUnknownOperation,
+    {starting, CALL(IBlackmagicRawPipelineIterator, GetPipeline, L"the first"), needed, declarations, kUnknownOperation,
      RUN { HELD; Given<&IBlackmagicRawPipelineIterator::GetPipeline, 0> code{};
          const HRESULT result = h.pipelines->GetPipeline(&code);
          return codeGiven(result, numberOf(code)); }},
-    {opening, CALL(IBlackmagicRawPipelineIterator, Next, L"to the end"), needed, declarations, kUnknownOperation,
+    {starting, CALL(IBlackmagicRawPipelineIterator, Next, L"to the end"), needed, declarations, kUnknownOperation,
      walkPipelines},
-    {opening, CALL(IBlackmagicRawFactory, CreatePipelineDeviceIterator, L"CPU"), needed, declarations, kUnknownOperation,
+    {starting, CALL(IBlackmagicRawFactory, CreatePipelineDeviceIterator, L"CPU"), needed, declarations, kUnknownOperation,
      RUN { HELD;
          const HRESULT result = h.factory->CreatePipelineDeviceIterator(blackmagicRawPipelineCPU,
                                                                         blackmagicRawInteropNone, &h.devices);
          return objectGiven(result, h.devices.Get()); }},
-    {opening, CALL(IBlackmagicRawPipelineDeviceIterator, CreateDevice, L""), needed, declarations, kUnknownOperation,
+    {starting, CALL(IBlackmagicRawPipelineDeviceIterator, CreateDevice, L""), needed, declarations, kUnknownOperation,
      RUN { HELD; const HRESULT result = h.devices->CreateDevice(&h.device); return objectGiven(result, h.device.Get()); }},
-    {opening, CALL(IBlackmagicRawPipelineDevice, GetInstructionSet, L""), extra, declarations, kUnknownOperation,
+    {starting, CALL(IBlackmagicRawPipelineDevice, GetInstructionSet, L""), extra, declarations, kUnknownOperation,
      RUN { HELD; Given<&IBlackmagicRawPipelineDevice::GetInstructionSet, 0> code{};
          const HRESULT result = h.device->GetInstructionSet(&code);
          return codeGiven(result, numberOf(code)); }},
-    {opening, CALL(IBlackmagicRawPipelineDevice, GetIndex, L""), extra, declarations, kUnknownOperation,
+    {starting, CALL(IBlackmagicRawPipelineDevice, GetIndex, L""), extra, declarations, kUnknownOperation,
      RUN { HELD; uint32_t index = 0;
          const HRESULT result = h.device->GetIndex(&index);
          return numberWithin(result, index, 0, 255, L""); }},
-    {opening, CALL(IBlackmagicRawPipelineDevice, GetName, L""), extra, declarations, kUnknownOperation,
+    {starting, CALL(IBlackmagicRawPipelineDevice, GetName, L""), extra, declarations, kUnknownOperation,
      RUN { HELD; return textGiven([&](BSTR* text) { return h.device->GetName(text); }); }},
-    {opening, CALL(IBlackmagicRawPipelineDevice, GetInterop, L""), extra, declarations, kUnknownOperation,
+    {starting, CALL(IBlackmagicRawPipelineDevice, GetInterop, L""), extra, declarations, kUnknownOperation,
      RUN { HELD; Given<&IBlackmagicRawPipelineDevice::GetInterop, 0> code{};
          const HRESULT result = h.device->GetInterop(&code);
          return codeGiven(result, numberOf(code)); }},
-    {opening, CALL(IBlackmagicRawPipelineDevice, GetPipelineName, L""), extra, declarations, kUnknownOperation,
+    {starting, CALL(IBlackmagicRawPipelineDevice, GetPipelineName, L""), extra, declarations, kUnknownOperation,
      RUN { HELD; return textGiven([&](BSTR* text) { return h.device->GetPipelineName(text); }); }},
 
-    {opening, CALL(IBlackmagicRawFactory, CreateCodec, L""), needed, declarations, kRefusedStart,
+    {starting, CALL(IBlackmagicRawFactory, CreateCodec, L""), needed, declarations, kRefusedStart,
      RUN { HELD; const HRESULT result = h.factory->CreateCodec(&h.codec); return objectGiven(result, h.codec.Get()); }},
-    {opening, ASK(IBlackmagicRaw, IBlackmagicRawConfiguration), needed, declarations, kRefusedInterface,
+    {starting, ASK(IBlackmagicRaw, IBlackmagicRawConfiguration), needed, declarations, kRefusedInterface,
      RUN { HELD; return askFor(*h.codec.Get(), h.configuration); }},
-    {opening, KNOWN(IBlackmagicRawConfiguration, GetVersion, L""), extra, declarations, kUnknownOperation,
+    {starting, KNOWN(IBlackmagicRawConfiguration, GetVersion, L""), extra, declarations, kUnknownOperation,
      RUN { HELD; return textGiven([&](BSTR* text) { return h.configuration->GetVersion(text); }); }},
-    {opening, KNOWN(IBlackmagicRawConfiguration, GetCameraSupportVersion, L""), extra, declarations, kUnknownOperation,
+    {starting, KNOWN(IBlackmagicRawConfiguration, GetCameraSupportVersion, L""), extra, declarations, kUnknownOperation,
      RUN { HELD; return textGiven([&](BSTR* text) { return h.configuration->GetCameraSupportVersion(text); }); }},
-    {opening, KNOWN(IBlackmagicRawConfiguration, GetCPUThreads, L""), extra, declarations, kUnknownOperation,
+    {starting, KNOWN(IBlackmagicRawConfiguration, GetCPUThreads, L""), extra, declarations, kUnknownOperation,
      RUN { HELD; uint32_t count = 0;
          const HRESULT result = h.configuration->GetCPUThreads(&count);
          return numberWithin(result, count, 0, 4096, L""); }},
-    {opening, KNOWN(IBlackmagicRawConfiguration, GetMaxCPUThreadCount, L""), extra, declarations, kUnknownOperation,
+    {starting, KNOWN(IBlackmagicRawConfiguration, GetMaxCPUThreadCount, L""), extra, declarations, kUnknownOperation,
      RUN { HELD; uint32_t count = 0;
          const HRESULT result = h.configuration->GetMaxCPUThreadCount(&count);
          return numberWithin(result, count, 1, 4096, L""); }},
-    {opening, KNOWN(IBlackmagicRawConfiguration, IsPipelineSupported, L"CPU"), extra, declarations, kUnknownOperation,
+    {starting, KNOWN(IBlackmagicRawConfiguration, IsPipelineSupported, L"CPU"), extra, declarations, kUnknownOperation,
      RUN { HELD; Given<&IBlackmagicRawConfiguration::IsPipelineSupported, 1> flag{};
          const HRESULT result = h.configuration->IsPipelineSupported(blackmagicRawPipelineCPU, &flag);
          Outcome outcome = flagGiven(result, numberOf(flag));
          if (numberOf(flag) == 0)
              outcome.doubt = L"the library has just listed it";
          return outcome; }},
-    {opening, KNOWN(IBlackmagicRawConfiguration, GetWriteMetadataPerFrame, L""), extra, declarations, kUnknownOperation,
+    {starting, KNOWN(IBlackmagicRawConfiguration, GetWriteMetadataPerFrame, L""), extra, declarations, kUnknownOperation,
      RUN { HELD; Given<&IBlackmagicRawConfiguration::GetWriteMetadataPerFrame, 0> flag{};
          const HRESULT result = h.configuration->GetWriteMetadataPerFrame(&flag);
          return flagGiven(result, numberOf(flag)); }},
-    {opening, KNOWN(IBlackmagicRawConfiguration, GetPipeline, L""), extra, declarations, kUnknownOperation,
+    {starting, KNOWN(IBlackmagicRawConfiguration, GetPipeline, L""), extra, declarations, kUnknownOperation,
      RUN { HELD; Given<&IBlackmagicRawConfiguration::GetPipeline, 0> code{};
          void *context = nullptr, *queue = nullptr;
          const HRESULT result = h.configuration->GetPipeline(&code, &context, &queue);
          return codeGiven(result, numberOf(code)); }},
-    {opening, ASK(IBlackmagicRaw, IBlackmagicRawConfigurationEx), needed, declarations, kRefusedInterface,
+    {starting, ASK(IBlackmagicRaw, IBlackmagicRawConfigurationEx), needed, declarations, kRefusedInterface,
      RUN { HELD; return askFor(*h.codec.Get(), h.configurationEx); }},
-    {opening, KNOWN(IBlackmagicRawConfigurationEx, GetResourceManager, L""), needed, declarations, kUnknownOperation,
+    {starting, KNOWN(IBlackmagicRawConfigurationEx, GetResourceManager, L""), needed, declarations, kUnknownOperation,
      RUN { HELD; const HRESULT result = h.configurationEx->GetResourceManager(&h.resources);
          return objectGiven(result, h.resources.Get()); }},
-    {opening, ASK(IBlackmagicRaw, IBlackmagicRawManualDecoderFlow1), needed, declarations, kRefusedInterface,
+    {starting, ASK(IBlackmagicRaw, IBlackmagicRawManualDecoderFlow1), needed, declarations, kRefusedInterface,
      RUN { HELD; return askFor(*h.codec.Get(), h.decoder); }},
-    {opening, ASK(IBlackmagicRaw, IBlackmagicRawManualDecoderFlow2), extra, declarations, kRefusedInterface,
+    {starting, ASK(IBlackmagicRaw, IBlackmagicRawManualDecoderFlow2), extra, declarations, kRefusedInterface,
      RUN { HELD; return askFor(*h.codec.Get(), h.gpuDecoder); }},
-    {opening, CALL(IBlackmagicRaw, SetCallback, L""), needed, declarations, kUnknownOperation,
+    {starting, CALL(IBlackmagicRaw, SetCallback, L""), needed, declarations, kUnknownOperation,
      RUN { HELD; return {h.codec->SetCallback(&m)}; }},
 
     {opening, CALL(IBlackmagicRawFactory, CreateClipGeometry, L""), needed, declarations, kUnknownOperation,

@@ -13,7 +13,7 @@ namespace probe {
 class Meeting;
 
 /// Which thread walks a stage, and when.
-enum class Segment { opening, readComplete, decodeComplete, processComplete, closing };
+enum class Segment { starting, opening, readComplete, decodeComplete, processComplete, closing };
 
 /// What helps when a stage fails.
 enum class Remedy { library, declarations, clip, report };

@@ -36,7 +36,8 @@ constexpr Machine kMachines[] = {
     {IMAGE_FILE_MACHINE_ARMNT, L"32-bit ARM"},
 };
 
-std::wstring faultOf(const std::vector<char>& head) {
+/// Judges a file by its headers; `isProgram` when it is a sound program, though no DLL.
+std::wstring faultOf(const std::vector<char>& head, bool& isProgram) {
     constexpr const wchar_t* noLibrary = L"is no DLL";
     IMAGE_DOS_HEADER dos{};
     if (head.size() < sizeof dos)
@@ -50,7 +51,10 @@ std::wstring faultOf(const std::vector<char>& head) {
     if (dos.e_magic != IMAGE_DOS_SIGNATURE || dos.e_lfanew < 0 || offset + sizeof headers > head.size())
         return noLibrary;
     std::copy_n(head.data() + offset, sizeof headers, reinterpret_cast<char*>(&headers));
-    if (headers.signature != IMAGE_NT_SIGNATURE || (headers.file.Characteristics & IMAGE_FILE_DLL) == 0)
+    const bool isLibrary = (headers.file.Characteristics & IMAGE_FILE_DLL) != 0;
+    isProgram = headers.signature == IMAGE_NT_SIGNATURE && !isLibrary &&
+                headers.file.Machine == IMAGE_FILE_MACHINE_AMD64;
+    if (headers.signature != IMAGE_NT_SIGNATURE || !isLibrary)
         return noLibrary;
     if (headers.file.Machine == IMAGE_FILE_MACHINE_AMD64)
         return {};
@@ -84,7 +88,7 @@ LibraryFile examineLibrary(const std::wstring& path) {
     file.size = fileSize(path);
     if (!file.fault.empty())
         return file;
-    file.fault = faultOf(headOf(path));
+    file.fault = faultOf(headOf(path), file.isProgram);
     file.version = versionOf(path);
     file.isBlocked = GetFileAttributesW((path + L":Zone.Identifier").c_str()) != INVALID_FILE_ATTRIBUTES;
     return file;
@@ -92,9 +96,7 @@ LibraryFile examineLibrary(const std::wstring& path) {
 
 std::wstring usualLibrary() {
     const std::wstring name = BlackmagicRawAPIFileName;
-    std::wstring program(32'768, L'\0');
-    program.resize(GetModuleFileNameW(nullptr, program.data(), static_cast<DWORD>(program.size())));
-    const std::wstring beside = folderOf(program) + name;
+    const std::wstring beside = folderOf(programPath()) + name;
     const std::wstring host = BlackmagicRawAPIHostFolder + name;
     return fileSize(beside) < 0 && fileSize(host) >= 0 ? host : beside;
 }

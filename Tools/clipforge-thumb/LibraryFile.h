@@ -10,6 +10,7 @@ struct LibraryFile {
     /// Why it cannot be loaded, as the end of a sentence that begins with its name ("is no DLL"); empty when
     /// nothing speaks against it.
     std::wstring fault;
+    bool isProgram = false; ///< is no DLL, but a sound 64-bit program
     bool isBlocked = false; ///< bears the mark of a download, for which Windows may refuse it
 };
 

@@ -8,6 +8,8 @@
 #include "CommandLine.h"
 #include "Console.h"
 #include "CrashReport.h"
+#include "Doctor.h"
+#include "PictureChild.h"
 #include "Probe.h"
 #include "ThumbnailCommand.h"
 
@@ -17,6 +19,9 @@ constexpr wchar_t kUsage[] =
     L"usage: clipforge-thumb CLIP... [--size N] [--out FILE.png | FOLDER] [--dll PATH]\n"
     L"       asks the handler for each clip's picture, as Explorer would, for a size of N (256), and writes\n"
     L"       it to FILE.png, or to FOLDER as CLIP.png. --dll asks a DLL that is not registered.\n"
+    L"\n"
+    L"       clipforge-thumb doctor [CLIP] [--fix [--yes]] [--json] [--folder FOLDER]\n"
+    L"       tells why no thumbnail shows, and what helps; mends with --fix what it safely can.\n"
     L"\n"
     L"       clipforge-thumb probe CLIP [--library FILE] [--out FILE.png]\n"
     L"       tries a decoder library call by call, in a process of its own, and tells what does not fit.\n";
@@ -30,9 +35,8 @@ int help(Words) {
     return EXIT_DONE;
 }
 constexpr Command kCommands[] = {
-    {L"probe", runProbe},
-    {L"probe-child", runProbeChild},
-    {L"--help", help},
+    {L"doctor", runDoctor},          {L"probe", runProbe}, {L"picture-child", runPictureChild},
+    {L"probe-child", runProbeChild}, {L"--help", help},
 };
 
 int run(Words words) {

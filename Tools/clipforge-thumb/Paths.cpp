@@ -66,6 +66,12 @@ std::wstring folderOf(const std::wstring& path) {
     return path.substr(0, path.size() - fileName(path).size());
 }
 
+std::wstring programPath() {
+    std::wstring path(32'768, L'\0');
+    path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
+    return path;
+}
+
 int64_t fileSize(const std::wstring& path) {
     WIN32_FILE_ATTRIBUTE_DATA data{};
     if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data))

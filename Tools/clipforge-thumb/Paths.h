@@ -10,6 +10,8 @@ std::wstring fullPath(const std::wstring& path);
 std::wstring fileName(const std::wstring& path);
 /// Up to the last separator and with it; empty when there is none.
 std::wstring folderOf(const std::wstring& path);
+/// This program's own file.
+std::wstring programPath();
 /// In bytes; -1 when there is no such file.
 int64_t fileSize(const std::wstring& path);
 bool isFolder(const std::wstring& path);

@@ -1,0 +1,315 @@
+// The doctor over broken set-ups: each is named as what it is, and mended where that is safe.
+#include <algorithm>
+#include <memory>
+
+#include <gtest/gtest.h>
+#include <objbase.h>
+#include <shlobj.h>
+
+#include "BlackmagicRawAPIFile.h"
+#include "Console.h"
+#include "Doctor.h"
+#include "EnvironmentVariable.h"
+#include "GuardProvider.h"
+#include "HandlerRegistration.h"
+#include "Imports.h"
+#include "ProgramRun.h"
+#include "RegistryRows.h"
+#include "TemporaryFolder.h"
+#include "TestClips.h"
+
+namespace {
+const std::filesystem::path kBinaries = CLIPFORGE_BINARIES;
+
+constexpr wchar_t kClassId[] = GUARD_CLSID_TEXT;
+constexpr wchar_t kClass[] = L"Software\\Classes\\CLSID\\" GUARD_CLSID_TEXT;
+constexpr wchar_t kPolicies[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Policies\\Explorer";
+constexpr wchar_t kExtensions[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Shell Extensions\\";
+constexpr wchar_t kOther[] = L"{11111111-2222-3333-4444-555555555555}";
+
+/// This process's view of a registry root is a key of its own as long as the object lives.
+class ScratchRoot {
+public:
+    ScratchRoot(HKEY root, const wchar_t* name)
+        : m_root(root), m_name(std::wstring(L"Software\\ClipforgeTest\\") + name) {
+        RegDeleteTreeW(HKEY_CURRENT_USER, m_name.c_str());
+        EXPECT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_CURRENT_USER, m_name.c_str(), 0, nullptr, 0,
+                                                 KEY_ALL_ACCESS, nullptr, &m_key, nullptr));
+    }
+    ~ScratchRoot() {
+        RegOverridePredefKey(m_root, nullptr);
+        RegCloseKey(m_key);
+        RegDeleteTreeW(HKEY_CURRENT_USER, m_name.c_str());
+    }
+    ScratchRoot(const ScratchRoot&) = delete;
+    ScratchRoot& operator=(const ScratchRoot&) = delete;
+    void enter() { EXPECT_EQ(ERROR_SUCCESS, RegOverridePredefKey(m_root, m_key)); }
+
+private:
+    HKEY m_root, m_key = nullptr;
+    std::wstring m_name;
+};
+
+void setText(HKEY root, const std::wstring& key, const wchar_t* value, const std::wstring& text) {
+    EXPECT_EQ(ERROR_SUCCESS, RegSetKeyValueW(root, key.c_str(), value, REG_SZ, text.c_str(),
+                                             static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))));
+}
+void setNumber(HKEY root, const std::wstring& key, const wchar_t* value, DWORD number) {
+    EXPECT_EQ(ERROR_SUCCESS, RegSetKeyValueW(root, key.c_str(), value, REG_DWORD, &number, sizeof number));
+}
+std::string narrow(const std::wstring& text) {
+    return {text.begin(), text.end()};
+}
+
+/// A sound installation in a folder of its own, in a registry of its own.
+class Doctor : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(S_OK, CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED));
+        for (const wchar_t* const name :
+             {L"Clipforge_Guard.dll", L"Clipforge_Worker.exe", L"Clipforge_Thumbnails.dll",
+              L"BlackmagicRawAPI.dll", L"Clipforge_Icon.ico"})
+            std::filesystem::copy_file(kBinaries / name, m_folder.path() / name);
+        writeTestClip(m_folder.path() / L"clip.braw", {640, 512});
+        m_user.enter();
+        m_machine.enter();
+        ASSERT_EQ(S_OK, registerHandler(inside(L""), Scope::machine));
+    }
+    void TearDown() override { CoUninitialize(); }
+
+    std::wstring inside(const std::wstring& name) {
+        return (m_folder.path() / name).make_preferred().wstring();
+    }
+    Diagnosis look() {
+        return diagnose(m_clip, inside(L""), {[](const wchar_t*) {}, [](auto&&...) {}});
+    }
+    int fix() {
+        const std::wstring folder = m_folder.path().wstring();
+        const std::wstring_view words[] = {m_clip, L"--fix", L"--yes", L"--json", L"--folder", folder};
+        return runDoctor(std::span(words).subspan(m_clip.empty() ? 1 : 0));
+    }
+    /// The first fault is this one, and it says what helps.
+    void expectFault(const std::wstring& id) {
+        const Diagnosis diagnosis = look();
+        const auto fault = std::ranges::find(diagnosis.findings, Finding::Grade::fault, &Finding::grade);
+        ASSERT_NE(diagnosis.findings.end(), fault) << narrow(id);
+        EXPECT_EQ(narrow(id), narrow(fault->id)) << narrow(fault->text);
+        EXPECT_FALSE(fault->remedy.empty());
+    }
+
+    TemporaryFolder m_folder;
+    ScratchRoot m_user{HKEY_CURRENT_USER, L"User"}, m_machine{HKEY_LOCAL_MACHINE, L"Machine"};
+    std::wstring m_clip = inside(L"clip.braw");
+};
+
+TEST_F(Doctor, ASoundInstallationIsWell) {
+    const Diagnosis diagnosis = look();
+    EXPECT_TRUE(diagnosis.isHealthy()) << narrow(diagnosis.findings[0].text);
+}
+
+/// What a way of breaking a set-up has at hand.
+struct Parts {
+    std::wstring folder, &clip;
+
+    std::wstring decoder() const { return folder + BlackmagicRawAPIFileName; }
+    std::wstring handler() const { return folder + L"Clipforge_Guard.dll"; }
+    static void cut(const std::wstring& path, uintmax_t size) { std::filesystem::resize_file(path, size); }
+    static void policy(HKEY root, const wchar_t* name) { setNumber(root, kPolicies, name, 1); }
+    static void bindOther(HKEY root, const std::wstring& key = L".braw") {
+        setText(root, L"Software\\Classes\\" + key + THUMBNAIL_BINDING_KEY, nullptr, kOther);
+    }
+    static void forgetClass() { RegDeleteTreeW(HKEY_LOCAL_MACHINE, kClass); }
+};
+
+/// A way to break the set-up. `first` is what it is to be called; `isMended`: --fix makes all well again.
+struct Ailment {
+    const wchar_t* first;
+    bool isMended;
+    void (*cause)(const Parts& parts);
+};
+const Ailment kAilments[] = {
+    {L"decoder-missing", false, [](const Parts& p) { DeleteFileW(p.decoder().c_str()); }},
+    {L"decoder-version", false, [](const Parts& p) { p.cut(p.decoder(), BlackmagicRawAPIFileSize - 1); }},
+    {L"decoder-unusable", false, [](const Parts& p) { writeFileBytes(p.decoder(), "No library at all."); }},
+    {L"decoder-unusable", false,
+     [](const Parts& p) {
+         std::string bytes = readFileBytes(p.decoder());
+         bytes.replace(static_cast<size_t>(static_cast<uint8_t>(bytes[0x3C])) + 4, 2, "\x4C\x01"); // 32-bit
+         writeFileBytes(p.decoder(), bytes);
+     }},
+    {L"decoder-broken", false,
+     [](const Parts&) {
+         SetEnvironmentVariableW(L"REFERENCE_DECODER", L"nullWrite@IBlackmagicRawFactory::CreateCodec");
+     }},
+    {L"not-bound", true, [](const Parts&) { EXPECT_EQ(S_OK, unregisterHandler(Scope::machine)); }},
+    {L"bound-to-other", true, [](const Parts& p) { p.bindOther(HKEY_LOCAL_MACHINE); }},
+    {L"bound-to-other", true, [](const Parts& p) { p.bindOther(HKEY_CURRENT_USER); }},
+    {L"bound-by-type", false,
+     [](const Parts& p) {
+         setText(HKEY_CURRENT_USER,
+                 L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\FileExts\\.braw\\UserChoice",
+                 L"ProgId", L"Other.Clip");
+         p.bindOther(HKEY_LOCAL_MACHINE, L"Other.Clip");
+     }},
+    {L"class-missing", true, [](const Parts& p) { p.forgetClass(); }},
+    {L"class-32-bit", true,
+     [](const Parts& p) {
+         p.forgetClass();
+         setText(HKEY_LOCAL_MACHINE,
+                 std::wstring(L"Software\\Classes\\Wow6432Node\\CLSID\\") + kClassId + L"\\InProcServer32",
+                 nullptr, L"x.dll");
+     }},
+    {L"class-incomplete", true,
+     [](const Parts&) {
+         setText(HKEY_LOCAL_MACHINE, std::wstring(kClass) + L"\\InProcServer32", L"ThreadingModel", L"Both");
+     }},
+    {L"class-incomplete", true,
+     [](const Parts&) { RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kClass, L"DisableProcessIsolation"); }},
+    {L"handler-missing", false, [](const Parts& p) { DeleteFileW(p.handler().c_str()); }},
+    {L"file-unusable", false, [](const Parts& p) { writeFileBytes(p.handler(), "No library."); }},
+    {L"worker-missing", false,
+     [](const Parts& p) { DeleteFileW((p.folder + L"Clipforge_Worker.exe").c_str()); }},
+    {L"inner-handler-missing", false,
+     [](const Parts& p) { DeleteFileW((p.folder + L"Clipforge_Thumbnails.dll").c_str()); }},
+    {L"handler-unloadable", false, [](const Parts& p) { p.cut(p.handler(), 8192); }},
+    {L"icons-only", true,
+     [](const Parts&) {
+         setNumber(HKEY_CURRENT_USER, L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\Advanced",
+                   L"IconsOnly", 1);
+     }},
+    {L"policy-thumbnails", false, [](const Parts& p) { p.policy(HKEY_CURRENT_USER, L"DisableThumbnails"); }},
+    {L"policy-thumbnails", false, [](const Parts& p) { p.policy(HKEY_LOCAL_MACHINE, L"DisableThumbnails"); }},
+    {L"policy-network", false,
+     [](const Parts& p) {
+         p.policy(HKEY_LOCAL_MACHINE, L"DisableThumbnailsOnNetworkFolders");
+         p.clip = L"\\\\nowhere\\share\\clip.braw";
+     }},
+    {L"class-blocked", false,
+     [](const Parts&) {
+         setText(HKEY_LOCAL_MACHINE, std::wstring(kExtensions) + L"Blocked", kClassId, L"");
+     }},
+    {L"not-approved", true,
+     [](const Parts& p) {
+         p.policy(HKEY_LOCAL_MACHINE, L"EnforceShellExtensionSecurity");
+         RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, (std::wstring(kExtensions) + L"Approved").c_str(), kClassId);
+     }},
+    {L"clip-unreadable", false, [](const Parts& p) { DeleteFileW(p.clip.c_str()); }},
+    {L"clip-unreadable", false, [](const Parts& p) { p.cut(p.clip, 0); }},
+    {L"clip-other-kind", false, [](const Parts& p) { writeFileBytes(p.clip, "\xFF\xD8\xFF\xE0"); }},
+    {L"clip-extension", false,
+     [](const Parts& p) {
+         MoveFileW(p.clip.c_str(), (p.folder + L"clip.mov").c_str());
+         p.clip = p.folder + L"clip.mov";
+     }},
+    {L"clip-undecodable", false, [](const Parts& p) { p.cut(p.clip, 40); }},
+    {L"clip-undecodable", false, [](const Parts& p) { writeFileBytes(p.clip, "No clip at all."); }},
+};
+
+// Ailments are few enough to have one set-up each: SetUp makes a sound one.
+class BrokenSetUp : public Doctor, public testing::WithParamInterface<size_t> {};
+
+TEST_P(BrokenSetUp, IsNamedAndMended) {
+    const Ailment& ailment = kAilments[GetParam()];
+    const EnvironmentVariable decoder(L"REFERENCE_DECODER", nullptr);
+    if (!std::wstring_view(ailment.first).starts_with(L"clip-"))
+        m_clip.clear(); // decoding takes time
+    ailment.cause({inside(L""), m_clip});
+    expectFault(ailment.first);
+    if (ailment.isMended) {
+        EXPECT_EQ(EXIT_DONE, fix());
+    }
+}
+INSTANTIATE_TEST_SUITE_P(Doctor, BrokenSetUp, testing::Range(size_t{0}, std::size(kAilments)));
+
+// What Wine has not: the mark of a download, and clips in a cloud.
+std::wstring g_marked;
+DWORD WINAPI attributesWithMark(const wchar_t* path) {
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    if (!g_marked.empty() && path == g_marked + L":Zone.Identifier")
+        return FILE_ATTRIBUTE_NORMAL;
+    return GetFileAttributesExW(path, GetFileExInfoStandard, &data) ? data.dwFileAttributes
+                                                                    : INVALID_FILE_ATTRIBUTES;
+}
+BOOL WINAPI deleteMark(const wchar_t* path) {
+    const bool isMark = path == g_marked + L":Zone.Identifier";
+    if (isMark)
+        g_marked.clear();
+    return isMark;
+}
+HANDLE WINAPI findInCloud(const wchar_t*, FINDEX_INFO_LEVELS, void* entry, FINDEX_SEARCH_OPS, void*, DWORD) {
+    constexpr DWORD recallOnDataAccess = 0x00400000;
+    static_cast<WIN32_FIND_DATAW*>(entry)->dwFileAttributes = recallOnDataAccess;
+    return FindFirstFileW(L"C:\\*", std::make_unique<WIN32_FIND_DATAW>().get());
+}
+
+/// In the place of what this program imports, as long as it lives.
+class ReplacedImport {
+public:
+    ReplacedImport(const char* name, void* function)
+        : m_slot(importSlot(GetModuleHandleW(nullptr), name)), m_former(setImport(m_slot, function)) {}
+    ~ReplacedImport() { setImport(m_slot, m_former); }
+    ReplacedImport(const ReplacedImport&) = delete;
+    ReplacedImport& operator=(const ReplacedImport&) = delete;
+
+private:
+    void** m_slot;
+    void* m_former;
+};
+
+TEST_F(Doctor, DownloadedFilesAreUnblocked) {
+    const ReplacedImport attributes("GetFileAttributesW", reinterpret_cast<void*>(&attributesWithMark));
+    const ReplacedImport deletion("DeleteFileW", reinterpret_cast<void*>(&deleteMark));
+    m_clip.clear();
+    for (const auto& [file, id] : {std::pair(L"BlackmagicRawAPI.dll", L"decoder-blocked"),
+                                   std::pair(L"Clipforge_Guard.dll", L"file-blocked")}) {
+        g_marked = inside(file);
+        expectFault(id);
+        EXPECT_EQ(EXIT_DONE, fix());
+        EXPECT_EQ(L"", g_marked);
+    }
+}
+
+TEST_F(Doctor, AClipInTheCloudIsNotFetched) {
+    const ReplacedImport search("FindFirstFileExW", reinterpret_cast<void*>(&findInCloud));
+    expectFault(L"clip-in-cloud");
+}
+
+TEST_F(Doctor, ExplorersMemoryIsEmptiedAtTheEnd) {
+    wchar_t local[MAX_PATH];
+    ASSERT_EQ(S_OK, SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, local));
+    const std::filesystem::path explorer = std::filesystem::path(local) / "Microsoft/Windows/Explorer";
+    std::filesystem::create_directories(explorer);
+    writeFileBytes(explorer / "thumbcache_9.db", "pictures");
+    m_clip.clear();
+    const Diagnosis diagnosis = look();
+    EXPECT_TRUE(diagnosis.isHealthy()) << "it is no fault";
+    ASSERT_EQ(1u, diagnosis.findings.size());
+    EXPECT_EQ("cache", narrow(diagnosis.findings[0].id));
+    EXPECT_FALSE(diagnosis.findings[0].question.empty()) << "nobody's files go without a question";
+    EXPECT_EQ(EXIT_DONE, fix());
+    EXPECT_FALSE(std::filesystem::exists(explorer / "thumbcache_9.db"));
+}
+
+TEST_F(Doctor, AnInstallationForOneUserIsWell) {
+    ASSERT_EQ(S_OK, unregisterHandler(Scope::machine));
+    ASSERT_EQ(S_OK, registerHandler(inside(L""), Scope::user));
+    m_clip.clear();
+    EXPECT_TRUE(look().isHealthy());
+}
+
+TEST_F(Doctor, TellsAPersonAndAProgram) {
+    const std::filesystem::path program = kBinaries / "clipforge-thumb.exe";
+    writeFileBytes(m_clip, "\xFF\xD8\xFF\xE0");
+    const ProgramRun person = runProgram(program, {L"doctor", m_clip});
+    EXPECT_EQ(1u, person.exitCode);
+    EXPECT_NE(std::string::npos, person.output.find("is a JPEG picture, not a clip.\n      What helps: "))
+        << person.output;
+    EXPECT_NE(std::string::npos, person.output.find("The likeliest reason: ")) << person.output;
+    const ProgramRun json = runProgram(program, {L"doctor", m_clip, L"--json"});
+    EXPECT_EQ(1u, json.exitCode);
+    EXPECT_TRUE(json.output.starts_with("{\"healthy\": false, \"findings\": [\n")) << json.output;
+    EXPECT_NE(std::string::npos,
+              json.output.find("{\"id\": \"clip-other-kind\", \"grade\": \"fault\", \"text\": \""))
+        << json.output;
+}
+} // namespace

@@ -1,0 +1,49 @@
+#include "PictureChild.h"
+
+#include <chrono>
+
+#include "ChildProcess.h"
+#include "Console.h"
+#include "HandlerHost.h"
+
+namespace {
+
+// Results and exception codes are negative; a good answer is not.
+LONG WINAPI endWithItsCode(EXCEPTION_POINTERS* exception) {
+    TerminateProcess(GetCurrentProcess(), exception->ExceptionRecord->ExceptionCode);
+    return EXCEPTION_EXECUTE_HANDLER;
+}
+
+HRESULT ask(const std::wstring& handler, const std::wstring& clip) {
+    HandlerLibrary library;
+    const HRESULT result = library.load(handler);
+    return FAILED(result) ? result : askForThumbnail(clip, 256, &library).result;
+}
+
+} // namespace
+
+PictureAnswer askInChild(const std::wstring& handler, const std::wstring& clip) {
+    constexpr DWORD patience = 60'000;
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point start = Clock::now();
+    const std::wstring arguments[] = {L"picture-child", handler, clip};
+    const ChildProcess child(arguments);
+    if (!child.hasEnded(patience))
+        return {false, L"no answer in a minute"};
+    const auto code = static_cast<HRESULT>(child.exitCode());
+    PictureAnswer answer{SUCCEEDED(code)};
+    answer.milliseconds = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    constexpr DWORD exceptions = 0xC0000000; // where the system's exceptions begin
+    if (!answer.isGood)
+        answer.trouble = (static_cast<DWORD>(code) >= exceptions ? L"it crashed, " : L"") + describe(code);
+    return answer;
+}
+
+int runPictureChild(Words words) {
+    if (words.size() != 2)
+        return EXIT_USAGE;
+    SetUnhandledExceptionFilter(endWithItsCode);
+    const HRESULT result = ask(std::wstring(words[0]), std::wstring(words[1]));
+    TerminateProcess(GetCurrentProcess(), static_cast<UINT>(result));
+    return EXIT_FAILED;
+}

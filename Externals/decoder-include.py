@@ -127,6 +127,10 @@ IBlackmagicRawFactory
     CreateClipGeometry(IBlackmagicRawClipGeometry** geometry)
 """
 
+# Names that nothing gave us.
+OURS = "OpenClipWithGeometry SetOrientationMode SetVerticalFlip".split()
+NAME_OF_OURS = ", which is a name of ours: what it is called there can be said in clipforge-names.txt (see README.md)"
+
 # Asked for by identifier.
 IDENTIFIED = ("IBlackmagicRawManualDecoderFlow1 IBlackmagicRawManualDecoderFlow2 IBlackmagicRawConfiguration "
               "IBlackmagicRawConfigurationEx IBlackmagicRawClipEx IBlackmagicRawClipResolutions").split()
@@ -232,7 +236,7 @@ def run(command, about):
     done = subprocess.run(command, capture_output=True, text=True, errors="replace")
     if done.returncode != 0:
         complaints = [line for line in done.stderr.splitlines() if "error" in line.lower()] or done.stderr.splitlines()
-        raise Unusable(f"{about}: {re.sub(r'^.*/', '', complaints[0]) if complaints else 'failed'}")
+        raise Unusable(f"{about}: {re.sub(r'^/[^:]*/', '', complaints[0]) if complaints else 'failed'}")
     return done.stdout
 
 
@@ -373,7 +377,7 @@ def missing(declared):
         for operation, (_, _, _, optional) in operations.items():
             count = names.count(declared.name_of(operation, interface))
             if count == 0 and not optional:
-                yield f"{interface} lacks {operation}"
+                yield f"{interface} lacks {operation}" + (NAME_OF_OURS if operation in OURS else "")
             elif count > 1:
                 yield f"{interface} declares {operation} {count} times"
         if interface in IDENTIFIED and interface not in declared.identifiers:

@@ -28,7 +28,9 @@ endif()
 
 # Files compiled several at a time, for speed; where their names clash, one at a time.
 set(build ${CMAKE_COMMAND} --build ${FOLDER}/build --target Clipforge_Thumbnails BlackmagicRawAPI_Reference)
-configure(-DCLIPFORGE_TESTS=OFF -DCMAKE_UNITY_BUILD=ON)
+if(NOT EXISTS ${FOLDER}/build/build.ninja)
+    configure(-DCLIPFORGE_TESTS=OFF -DCMAKE_UNITY_BUILD=ON)
+endif()
 execute_process(COMMAND ${build} RESULT_VARIABLE failed)
 if(failed)
     configure(-DCLIPFORGE_TESTS=OFF -DCMAKE_UNITY_BUILD=OFF)

@@ -118,7 +118,8 @@ def write(seed, dialect, folder):
     folder = Path(folder)
     folder.mkdir(parents=True, exist_ok=True)
     for name, text in DIALECTS[dialect](shuffled(seed)).items():
-        (folder / name).write_text(text)
+        if not (folder / name).is_file() or (folder / name).read_text() != text: # nothing is built anew for it
+            (folder / name).write_text(text)
 
 
 if __name__ == "__main__":

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include "BuiltFile.h"
 #include "CudaRuntime.h"
 #include "EnvironmentVariable.h"
 #include "FreshProcess.h"
@@ -19,9 +20,9 @@ const fs::path besideUs = [] {
     return fs::path(name).parent_path() / cudaRuntimeFile;
 }();
 
-void putBesideUs(const char* folder) {
+void putBesideUs(const fs::path& folder) {
     fs::remove(besideUs);
-    fs::copy_file(fs::path(folder) / cudaRuntimeFile, besideUs);
+    fs::copy_file(folder / cudaRuntimeFile, besideUs);
 }
 
 int copyByte() {
@@ -51,7 +52,7 @@ TEST(CudaRuntimeProcess, DISABLED_MissingThenBrokenThenBesideUs) {
         EXPECT_EQ(copyByte(), cudaRuntimeNotLoaded);
     }
     // One that lacks a function: what it has works, what it lacks is a value.
-    putBesideUs(BROKEN_CUDA_RUNTIME_FOLDER);
+    putBesideUs(builtFile("cuda-broken"));
     EXPECT_EQ(cudaDeviceMemory(freeBytes, totalBytes), 0);
     EXPECT_GT(freeBytes, 0u);
     EXPECT_EQ(copyByte(), cudaRuntimeNotLoaded);
@@ -59,8 +60,8 @@ TEST(CudaRuntimeProcess, DISABLED_MissingThenBrokenThenBesideUs) {
     EXPECT_EQ(message, "cudart64_110.dll __HrLoadAllImportsForDll exception");
     EXPECT_EQ(GetModuleHandleW(L"cudart64_110.dll"), nullptr) << "the broken runtime is still held";
     // The runtime beside us wins over the search path's, and a later attempt finds it after all the failures.
-    putBesideUs(CUDA_RUNTIME_FOLDER);
-    const EnvironmentVariable path(L"PATH", fs::path(BROKEN_CUDA_RUNTIME_FOLDER).make_preferred().c_str());
+    putBesideUs(builtFile("cuda"));
+    const EnvironmentVariable path(L"PATH", builtFile("cuda-broken").c_str());
     EXPECT_TRUE(loadCudaRuntime(message)) << message;
     EXPECT_EQ(message, "");
     EXPECT_EQ(loadedFrom(), besideUs.parent_path().filename().wstring());
@@ -69,7 +70,7 @@ TEST(CudaRuntimeProcess, DISABLED_MissingThenBrokenThenBesideUs) {
 }
 
 TEST(CudaRuntimeProcess, DISABLED_OnTheSearchPathWithItsErrors) {
-    const EnvironmentVariable path(L"PATH", fs::path(CUDA_RUNTIME_FOLDER).make_preferred().c_str());
+    const EnvironmentVariable path(L"PATH", builtFile("cuda").c_str());
     size_t freeBytes = 0;
     size_t totalBytes = 0;
     EXPECT_EQ(cudaDeviceMemory(freeBytes, totalBytes), 0) << "bound by the first call";

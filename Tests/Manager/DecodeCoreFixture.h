@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "BuiltFile.h"
 #include "Manager.h"
 #include "ReferenceDecoder.h"
 #include "ReferenceDecoderSession.h"
@@ -81,7 +82,7 @@ protected:
 
     int init(bool useGpu = false) {
         if (useGpu) // the CUDA runtime is found by its name from then on
-            LoadLibraryA(CUDA_RUNTIME_FOLDER "/cudart64_110.dll");
+            EXPECT_TRUE(LoadLibraryW(builtFile("cuda/cudart64_110.dll").c_str()));
         return m_manager->init(makeInstance(useGpu));
     }
 

@@ -197,7 +197,7 @@ Function* standIn(const char* name) {
 
 class PixelConversionsTest : public testing::Test {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(LoadLibraryA(CUDA_RUNTIME_FOLDER "/cudart64_110.dll")); }
+    static void SetUpTestSuite() { ASSERT_TRUE(LoadLibraryW(builtFile("cuda/cudart64_110.dll").c_str())); }
 
     /// Nothing arrives in the final image, which is no error of the request; an error line says why, where
     /// there is anything to be said.

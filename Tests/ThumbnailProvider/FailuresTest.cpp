@@ -237,8 +237,8 @@ TEST_F(Failures, EachOfTheDecodersHasItsResult) {
 
 TEST_F(Failures, TheCoreDoesNotStartWithoutItsLibrary) {
     const std::wstring path = writeClip();
-    const std::string good = readFileBytes(productFolder("bin") / "BlackmagicRawAPI.dll");
-    std::filesystem::copy(productFolder("bin") / "Clipforge_Thumbnails.dll", m_folder.path());
+    const std::string good = readFileBytes(builtFile("bin") / "BlackmagicRawAPI.dll");
+    std::filesystem::copy(builtFile("bin") / "Clipforge_Thumbnails.dll", m_folder.path());
     load(m_folder.path());
     for (const std::string& decoder : {std::string(), std::string("This is not a library."), good + '\0'}) {
         for (int i = 0; i < 2; ++i) // the first failure must not spoil the next attempt
@@ -253,6 +253,6 @@ TEST_F(Failures, TheCoreDoesNotStartWithoutItsLibrary) {
         EXPECT_EQ(1, m_decoder.account().loads);
         EXPECT_EQ(1, m_decoder.account().unloads);
     }
-    load(productFolder("bin"));
+    load(builtFile("bin"));
 }
 } // namespace

@@ -4,12 +4,6 @@
 
 #include "GuardedBitmaps.h"
 
-std::filesystem::path productFolder(const char* name) {
-    wchar_t program[MAX_PATH];
-    GetModuleFileNameW(nullptr, program, MAX_PATH);
-    return (std::filesystem::path(program).parent_path() / CLIPFORGE_PRODUCTS / name).lexically_normal();
-}
-
 std::filesystem::path testedLibrary() {
     wchar_t name[64];
     const DWORD length = GetEnvironmentVariableW(L"CLIPFORGE_TESTED_LIBRARY", name, 64);
@@ -64,7 +58,7 @@ void HandlerTest::SetUp() {
     m_decoder.reset();
     DeleteDC(CreateCompatibleDC(nullptr)); // with a process's first one come objects of the system's own
     m_gdiObjects = countGdiObjects();
-    load(productFolder("bin"));
+    load(builtFile("bin"));
 }
 
 void HandlerTest::TearDown() {

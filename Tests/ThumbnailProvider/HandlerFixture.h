@@ -15,6 +15,7 @@
 #include <windows.h>
 #include <wrl/client.h>
 
+#include "BuiltFile.h"
 #include "GdiObjects.h"
 #include "HandlerHost.h"
 #include "ReferenceDecoderSession.h"
@@ -25,9 +26,6 @@ using Microsoft::WRL::ComPtr;
 
 /// The library under test: the handler's, or the one that the environment names, asked in the same way.
 std::filesystem::path testedLibrary();
-
-/// The folder of a build of the handler: "bin" or "logging".
-std::filesystem::path productFolder(const char* name);
 
 /// A failed comparison prints the code as people look it up.
 struct Result {

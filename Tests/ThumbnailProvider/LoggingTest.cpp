@@ -28,7 +28,7 @@ protected:
         HandlerTest::SetUp();
         std::filesystem::create_directories(m_product);
         m_clip = writeClip();
-        load(productFolder("logging"));
+        load(builtFile("logging"));
     }
     void setLevel(const std::string& level) {
         writeFileBytes(m_product / "Clipforge_options.ini", "[General]\nlogging = " + level + "\n");
@@ -184,7 +184,7 @@ TEST_F(HandlerLog, IsWrittenOnlyWhereItIsAskedFor) {
                  {"logging", "TRACE", true}};
     for (const auto& [product, level, isWritten] : cases) {
         setLevel(level);
-        load(productFolder(product));
+        load(builtFile(product));
         EXPECT_RESULT(S_OK, ask(m_clip).result);
         EXPECT_EQ(isWritten, std::filesystem::exists(m_log)) << product << " " << level;
     }

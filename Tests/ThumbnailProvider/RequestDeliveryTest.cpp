@@ -100,7 +100,7 @@ TEST_F(Delivery, SaysWhatCannotBeDelivered) {
 }
 
 TEST_F(Delivery, FetchesFromTheDeviceNoMoreThanTheBitmapHolds) {
-    const HMODULE runtime = LoadLibraryW((productFolder("cuda") / "cudart64_110.dll").c_str());
+    const HMODULE runtime = LoadLibraryW((builtFile("cuda") / "cudart64_110.dll").c_str());
     ASSERT_NE(nullptr, runtime);
     const auto setError =
         reinterpret_cast<void (*)(int)>(reinterpret_cast<void*>(GetProcAddress(runtime, "standInSetError")));

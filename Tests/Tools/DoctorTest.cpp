@@ -7,6 +7,7 @@
 #include <shlobj.h>
 
 #include "BlackmagicRawAPIFile.h"
+#include "BuiltFile.h"
 #include "Console.h"
 #include "Doctor.h"
 #include "EnvironmentVariable.h"
@@ -19,7 +20,7 @@
 #include "TestClips.h"
 
 namespace {
-const std::filesystem::path kBinaries = CLIPFORGE_BINARIES;
+const std::filesystem::path kBinaries = builtFile("bin");
 
 constexpr wchar_t kClassId[] = GUARD_CLSID_TEXT;
 constexpr wchar_t kClass[] = L"Software\\Classes\\CLSID\\" GUARD_CLSID_TEXT;

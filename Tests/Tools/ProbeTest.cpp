@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "BuiltFile.h"
 #include "Console.h"
 #include "EnvironmentVariable.h"
 #include "Probe.h"
@@ -16,7 +17,7 @@ namespace {
 using probe::Segment;
 using probe::Stage;
 
-const std::filesystem::path kBinaries = CLIPFORGE_BINARIES;
+const std::filesystem::path kBinaries = builtFile("bin");
 
 std::wstring windowsPath(std::filesystem::path path) {
     return path.make_preferred().wstring();

@@ -6,6 +6,7 @@
 #include <wincodec.h>
 #include <wrl/client.h>
 
+#include "BuiltFile.h"
 #include "Console.h"
 #include "EnvironmentVariable.h"
 #include "HandlerHost.h"
@@ -17,7 +18,7 @@
 namespace {
 using Microsoft::WRL::ComPtr;
 
-const std::filesystem::path kBinaries = CLIPFORGE_BINARIES;
+const std::filesystem::path kBinaries = builtFile("bin");
 
 struct Picture {
     UINT width = 0, height = 0;
@@ -112,7 +113,7 @@ TEST_F(ThumbnailCommand, AsksTheRegisteredHandler) {
     const TestClip clip{64, 48};
     const std::wstring path = writeClip(L"clip.braw", clip);
     HandlerLibrary handler;
-    ASSERT_EQ(S_OK, handler.load(std::filesystem::path(kHandler).make_preferred().wstring()));
+    ASSERT_EQ(S_OK, handler.load(kHandler.wstring()));
     ASSERT_EQ(S_OK, handler.call("DllRegisterServer"));
     const ProgramRun asked = run({path, L"--size", L"48", L"--out", inside(L"p.png")}, {});
     EXPECT_EQ(0u, asked.exitCode) << asked.errors;

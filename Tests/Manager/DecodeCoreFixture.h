@@ -81,8 +81,9 @@ protected:
     }
 
     int init(bool useGpu = false) {
-        if (useGpu) // the CUDA runtime is found by its name from then on
+        if (useGpu) { // the CUDA runtime is found by its name from then on
             EXPECT_TRUE(LoadLibraryW(builtFile("cuda/cudart64_110.dll").c_str()));
+        }
         return m_manager->init(makeInstance(useGpu));
     }
 

@@ -15,6 +15,7 @@
 #include "Imports.h"
 #include "LogSession.h"
 #include "ProofAllocator.h"
+#include "Utils/vdClock.h"
 #include "Utils/vdProduct.h"
 #include "Utils/vdSessionHeader.h"
 
@@ -46,6 +47,23 @@ TEST(Logging, LineShowsTimeLevelThreadProcessorSourceAndFunction) {
         EXPECT_NE(line.find("|" + thread + "|~"), std::string::npos) << line;
         EXPECT_LT(std::stoll(line), 60'000'000) << "microseconds since the session's start";
     }
+}
+
+TEST(Logging, TimesAreMicroseconds) {
+    const LogSession session(vdLogLevel::info);
+    int64_t shortest = 0, longest = 0;
+    const int64_t before = monotonicNanoseconds();
+    VD_LOG_INFO("first");
+    shortest -= monotonicNanoseconds();
+    Sleep(50);
+    shortest += monotonicNanoseconds();
+    VD_LOG_INFO("second");
+    longest = monotonicNanoseconds() - before;
+    const std::vector<std::string> lines = session.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    const int64_t between = std::stoll(lines[1]) - std::stoll(lines[0]);
+    EXPECT_GE(between, shortest / 1000 - 1);
+    EXPECT_LE(between, longest / 1000 + 1);
 }
 
 TEST(Logging, ThresholdDecidesAndSuppressedMessagesAreNotBuilt) {

@@ -46,6 +46,7 @@ TEST(SystemInfo, CoresAndThreadsOfEveryKindOfProcessor) {
                  {intel, 4, 0, 8, 3, 0, 0, 0, 0, "1 1 1"},
                  {intel, 4, 1, 1, 0, 0, 0, 0, 0, "1 1 2"},
                  {intel, 4, 1, 16, 63, 0, 0, 0, 0, "1 1 16"}, // one more than the field can tell
+                 {intel, 4, 1, 200, 40, 0, 0, 0, 0, "1 41 200"},
                  {intel, 3, 1, 8, 3, 0, 0, 0, 0, "1 1 8"},
                  {amd, 16, 0, 12, 0, 0, 0, 0x80000008, 5, "1 1 1"},
                  {amd, 0, 1, 12, 0, 0, 0, 0x80000008, 5, "1 1 2"},
@@ -139,14 +140,22 @@ TEST(SystemInfo, WindowsIsAskedForThreeNumbersAtOnce) {
 }
 
 TEST(SystemInfo, ProcessorLinesVersionsAndHosts) {
-    std::ostringstream stream;
-    writeProcessor(stream, {"GenuineIntel", std::string("Brand\0", 6), 2, 8, 16, true, false, true, true,
-                            false, false, true, false});
-    EXPECT_EQ(stream.str(), "         - CPU vendor : GenuineIntel\n         - CPU Brand String : Brand\n"
-                            "         - Cores number : 8\n         - Logical cores number : 16\n"
-                            "         - Is CPU Hyper threaded : 1\n         - SSE : 0\n         - SSE2 : 1\n"
-                            "         - SSE3 : 1\n         - SSE41 : 0\n         - SSE42 : 0\n"
-                            "         - AVX : 1\n         - AVX2 : 0\n");
+    bool vdCpuInfo::*const flags[] = {
+        &vdCpuInfo::hyperThreading, &vdCpuInfo::sse,   &vdCpuInfo::sse2, &vdCpuInfo::sse3,
+        &vdCpuInfo::sse41,          &vdCpuInfo::sse42, &vdCpuInfo::avx,  &vdCpuInfo::avx2};
+    constexpr const char* labels[] = {
+        "Is CPU Hyper threaded", "SSE", "SSE2", "SSE3", "SSE41", "SSE42", "AVX", "AVX2"};
+    for (std::size_t set = 0; set < std::size(flags); ++set) {
+        vdCpuInfo cpu{"GenuineIntel", std::string("Brand\0", 6), 2, 8, 16};
+        cpu.*flags[set] = true;
+        std::string expected = "         - CPU vendor : GenuineIntel\n         - CPU Brand String : Brand\n"
+                               "         - Cores number : 8\n         - Logical cores number : 16\n";
+        for (std::size_t i = 0; i < std::size(labels); ++i)
+            expected += "         - " + std::string(labels[i]) + " : " + (i == set ? "1\n" : "0\n");
+        std::ostringstream stream;
+        writeProcessor(stream, cpu);
+        EXPECT_EQ(stream.str(), expected);
+    }
     EXPECT_EQ(versionToString({3, 1, 5, 0}), "3.1.5");
     EXPECT_EQ(versionToString({254, 10, 255, 2}), "254.10.255.beta2");
     EXPECT_EQ(versionToString({255, 2, 7, 1}), "Unknown Version. Infos : 2.7.beta1");

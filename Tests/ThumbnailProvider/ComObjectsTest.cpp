@@ -74,7 +74,8 @@ HBITMAP WINAPI askAgain(HDC context, const BITMAPINFO* info, UINT usage, void** 
     HBITMAP bitmap = nullptr;
     WTS_ALPHATYPE alpha = WTSAT_UNKNOWN;
     g_errorMode = GetThreadErrorMode();
-    g_answer = g_again->GetThumbnail(16, &bitmap, &alpha);
+    if (const ComPtr<IThumbnailProvider> again = std::exchange(g_again, nullptr))
+        g_answer = again->GetThumbnail(16, &bitmap, &alpha);
     EXPECT_EQ(nullptr, bitmap);
     return g_makeBitmap(context, info, usage, bits, section, offset);
 }
@@ -96,7 +97,6 @@ TEST_F(ComObjects, AQuestionWithinAQuestionIsRefusedAndNobodyIsAsked) {
                   g_errorMode);
         EXPECT_EQ(DWORD{SEM_NOGPFAULTERRORBOX}, GetThreadErrorMode());
         SetThreadErrorMode(before, nullptr);
-        g_again.Reset();
     }
 }
 

@@ -170,6 +170,11 @@ const Ailment kAilments[] = {
     {L"file-unusable", false, [](const Parts& p) { writeFileBytes(p.handler(), "No library."); }},
     {L"worker-missing", false,
      [](const Parts& p) { DeleteFileW((p.folder + L"Clipforge_Worker.exe").c_str()); }},
+    {L"worker-unstartable", false,
+     [](const Parts& p) {
+         CopyFileW((kBinaries / "clipforge-thumb.exe").c_str(), (p.folder + L"Clipforge_Worker.exe").c_str(),
+                   FALSE);
+     }},
     {L"inner-handler-missing", false,
      [](const Parts& p) { DeleteFileW((p.folder + L"Clipforge_Thumbnails.dll").c_str()); }},
     {L"handler-unloadable", false, [](const Parts& p) { p.cut(p.handler(), 8192); }},

@@ -9,6 +9,7 @@
 #include "BlackmagicRawAPIFile.h"
 #include "Console.h"
 #include "DecoderFile.h"
+#include "GuardFailures.h"
 #include "HandlerHost.h"
 #include "HandlerRegistration.h"
 #include "LibraryFile.h"
@@ -107,13 +108,6 @@ Note checkDecoder(const Examination& examination, Findings& findings) {
                                         path));
     else if (file.isBlocked)
         findings.push_back(blocked(L"decoder-blocked", path));
-    else if (const ProbeOutcome meeting = probeLibrary({L"", path, L""}, [](const std::wstring&) {});
-             !meeting.isGood)
-        findings.push_back({L"decoder-broken",
-                            L"The decoder library does not work here: " + meeting.trouble,
-                            L"Most likely " + meeting.meaning + L". Install the maker's software again.",
-                            {},
-                            L""});
     return path + (file.version.empty() ? L"" : L", version " + file.version);
 }
 
@@ -195,6 +189,10 @@ bool checkOwnFile(const std::wstring& path, const wchar_t* idMissing, bool isPro
     return file.size >= 0 && isUsable && !file.isBlocked;
 }
 
+bool isGuard(const std::wstring& path) {
+    return _wcsicmp(fileName(path).c_str(), kGuard) == 0;
+}
+
 Note checkFiles(const Examination& examination, Findings& findings) {
     const Installation& installation = examination.installation;
     if (!installation.server)
@@ -207,10 +205,10 @@ Note checkFiles(const Examination& examination, Findings& findings) {
     }
     if (!checkOwnFile(path, L"handler-missing", false, findings))
         return {};
-    if (_wcsicmp(fileName(path).c_str(), kGuard) == 0) {
-        checkOwnFile(installation.folder + kWorker, L"worker-missing", true, findings);
-        checkOwnFile(installation.folder + kHandler, L"inner-handler-missing", false, findings);
-    }
+    if (isGuard(path) &&
+        (!checkOwnFile(installation.folder + kWorker, L"worker-missing", true, findings) ||
+         !checkOwnFile(installation.folder + kHandler, L"inner-handler-missing", false, findings)))
+        return {};
     HandlerLibrary library;
     if (const HRESULT result = library.load(path); FAILED(result))
         findings.push_back(
@@ -339,41 +337,69 @@ Note checkClip(const Examination& examination, Findings& findings) {
     return clip + L", " + std::to_wstring(fileSize(clip)) + L" bytes";
 }
 
-/// There is no use in trying further: what is wrong would only show once more.
+// What is tried takes time, and a process of its own each. It is left where something is wrong already, which
+// would only show once more.
+
 bool isAnyFault(const Findings& findings) {
     return std::ranges::find(findings, Finding::Grade::fault, &Finding::grade) != findings.end();
 }
 
 Note checkDecoding(const Examination& examination, Findings& findings) {
-    const auto isDecoders = [](const Finding& finding) {
-        const std::wstring_view id = finding.id;
-        return id.starts_with(L"decoder-") || id.starts_with(L"clip-");
+    if (isAnyFault(findings))
+        return {L"for what stands above", false};
+    const std::wstring library = decoderOf(examination.installation);
+    const auto meet = [&](const std::wstring& clip) {
+        return probeLibrary({clip, library, L""}, [](const std::wstring&) {});
     };
-    if (examination.clip.empty() || std::ranges::any_of(findings, isDecoders))
-        return {examination.clip.empty() ? L"no clip was named" : L"for what stands above", false};
-    const ProbeOutcome meeting = probeLibrary({examination.clip, decoderOf(examination.installation), L""},
-                                              [](const std::wstring&) {});
-    if (!meeting.isGood)
+    ProbeOutcome meeting = meet(examination.clip);
+    if (meeting.isGood)
+        return examination.clip.empty()
+                   ? L"the decoder library works, as far as it can be seen without a clip"
+                   : L"the decoder library gives a picture";
+    // Whose fault it is shows without the clip.
+    const ProbeOutcome withoutClip = examination.clip.empty() ? meeting : meet(L"");
+    if (!withoutClip.isGood)
+        findings.push_back({L"decoder-broken",
+                            L"The decoder library does not work here: " + withoutClip.trouble,
+                            L"Most likely " + withoutClip.meaning + L". Install the maker's software again.",
+                            {},
+                            L""});
+    else
         findings.push_back({L"clip-undecodable",
                             L"The decoder library gives no picture of this clip: " + meeting.trouble,
                             L"Most likely " + meeting.meaning + L". " + meeting.advice,
                             {},
                             L""});
-    return L"the decoder library gives a picture";
+    return {};
 }
 
 Note checkPicture(const Examination& examination, Findings& findings) {
-    if (examination.clip.empty() || !examination.installation.server || isAnyFault(findings))
-        return {examination.clip.empty() ? L"no clip was named" : L"for what stands above", false};
-    const PictureAnswer answer = askInChild(examination.installation.server->path, examination.clip);
-    if (!answer.isGood)
+    if (!examination.installation.server || isAnyFault(findings))
+        return {L"for what stands above", false};
+    const std::wstring& handler = examination.installation.server->path;
+    const bool hasClip = !examination.clip.empty();
+    if (!hasClip && !isGuard(handler))
+        return {L"no clip was named", false};
+    // Without a clip the worker is given something that it has to refuse.
+    const PictureAnswer answer = askInChild(handler, hasClip ? examination.clip : handler);
+    constexpr HRESULT workersOwn[] = {GUARD_E_WORKER_NOT_STARTED, GUARD_E_WORKER_VERSION,
+                                      GUARD_E_HANDLER_NOT_LOADED, GUARD_E_WORKER_LIED};
+    if (std::ranges::find(workersOwn, answer.result) != std::end(workersOwn))
+        findings.push_back(
+            {L"worker-unstartable",
+             L"The handler's worker does not work: " + answer.trouble + L".",
+             L"Install the handler again; if that does not help, see what your virus scanner or your "
+             L"administrator has blocked.",
+             {},
+             L""});
+    else if (hasClip && !answer.isGood)
         findings.push_back(
             {L"no-picture",
-             L"The handler makes no picture of this clip: " + answer.trouble,
+             L"The handler makes no picture of this clip: " + answer.trouble + L".",
              L"Send what \"clipforge-thumb probe\" says of this clip to those who make the handler.",
              {},
              L""});
-    return L"made in " + decimal(answer.milliseconds, 0) + L" ms";
+    return hasClip ? L"made in " + decimal(answer.milliseconds, 0) + L" ms" : L"the handler's worker answers";
 }
 
 // The machine.

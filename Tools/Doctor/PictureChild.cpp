@@ -5,6 +5,7 @@
 #include "ChildProcess.h"
 #include "Console.h"
 #include "HandlerHost.h"
+#include "Meanings.h"
 
 namespace {
 
@@ -29,13 +30,14 @@ PictureAnswer askInChild(const std::wstring& handler, const std::wstring& clip) 
     const std::wstring arguments[] = {L"picture-child", handler, clip};
     const ChildProcess child(arguments);
     if (!child.hasEnded(patience))
-        return {false, L"no answer in a minute"};
+        return {false, E_FAIL, L"no answer in a minute"};
     const auto code = static_cast<HRESULT>(child.exitCode());
-    PictureAnswer answer{SUCCEEDED(code)};
+    PictureAnswer answer{SUCCEEDED(code), code, L""};
     answer.milliseconds = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
     constexpr DWORD exceptions = 0xC0000000; // where the system's exceptions begin
+    const std::wstring meaning = static_cast<DWORD>(code) >= exceptions ? L"it crashed" : meaningOf(code);
     if (!answer.isGood)
-        answer.trouble = (static_cast<DWORD>(code) >= exceptions ? L"it crashed, " : L"") + describe(code);
+        answer.trouble = (meaning.empty() ? L"" : meaning + L", ") + describe(code);
     return answer;
 }
 

@@ -3,11 +3,14 @@
 
 #include <string>
 
+#include <windows.h>
+
 #include "CommandLine.h"
 
 /// What became of the question.
 struct PictureAnswer {
     bool isGood = false;
+    HRESULT result = E_FAIL; ///< the handler's; when it crashed, what it crashed with
     std::wstring trouble;    ///< in one line, when it is not
     double milliseconds = 0; ///< with the start of the process
 };

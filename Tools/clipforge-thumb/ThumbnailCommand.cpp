@@ -1,10 +1,10 @@
 #include "ThumbnailCommand.h"
 
-#include <iterator>
 #include <set>
 
 #include "Console.h"
 #include "HandlerHost.h"
+#include "Meanings.h"
 #include "Paths.h"
 #include "PngFile.h"
 
@@ -64,30 +64,14 @@ void checkPictures(const Arguments& arguments) {
     }
 }
 
-struct Meaning {
-    HRESULT result;
-    const wchar_t* text;
-};
-constexpr Meaning kMeanings[] = {
-    {REGDB_E_CLASSNOTREG, L"the handler is not registered; run regsvr32 as administrator"},
-    {HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND), L"the handler's DLL is not there, or a DLL that it needs"},
-    {HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT), L"the handler's DLL is damaged, or for another processor"},
-    {E_UNEXPECTED, L"the decoder library is missing, cannot be loaded or is another version"},
-    {E_FAIL, L"the clip cannot be read or decoded"},
-    {E_OUTOFMEMORY, L"there is not enough memory for a picture of this size"},
-};
-
 [[noreturn]] void failAsking(const std::wstring& clip, const ThumbnailAnswer& answer) {
     const std::wstring detail = std::wstring(answer.step) + L": " + describe(answer.result);
     if (answer.result == E_FAIL || answer.result == E_OUTOFMEMORY) {
         if (const std::wstring kind = kindOfNoClip(fullPath(clip)); !kind.empty())
             throw CommandError(clip + L" is " + kind + L", not a clip (" + detail + L")");
     }
-    for (const Meaning& meaning : kMeanings) {
-        if (meaning.result == answer.result)
-            throw CommandError(clip + L": " + meaning.text + L" (" + detail + L")");
-    }
-    throw CommandError(clip + L": " + detail);
+    const std::wstring meaning = meaningOf(answer.result);
+    throw CommandError(clip + L": " + (meaning.empty() ? detail : meaning + L" (" + detail + L")"));
 }
 
 const wchar_t* alphaName(WTS_ALPHATYPE alpha) {

@@ -133,7 +133,8 @@ NAME_OF_OURS = ", which is a name of ours: what it is called there can be said i
 
 # Asked for by identifier.
 IDENTIFIED = ("IBlackmagicRawManualDecoderFlow1 IBlackmagicRawManualDecoderFlow2 IBlackmagicRawConfiguration "
-              "IBlackmagicRawConfigurationEx IBlackmagicRawClipEx IBlackmagicRawClipResolutions").split()
+              "IBlackmagicRawConfigurationEx IBlackmagicRawClipEx IBlackmagicRawClipResolutions "
+              "IBlackmagicRawCallback").split()
 
 # The constants of each enumeration with the values that the product knows, for those that DIR lacks.
 CODES = """

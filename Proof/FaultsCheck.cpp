@@ -79,6 +79,67 @@ Expected expectedOf(const FaultRow& row, const std::string& call, const std::str
     return bends ? Expected::anythingBounded : Expected::rightIfAny;
 }
 
+std::unique_ptr<Scenario> (*const scenarioMakers[])() = {[] { return makeThumbnailScenario(); },
+                                                         [] { return makeThumbnailScenario({.size = 200}); },
+                                                         makeGpuScenario, makeSettingsScenario};
+
+/// A job whose completion never comes may still be running, for all that anybody can tell.
+bool leavesJobRunning(const ReferenceDecoderFault& fault) {
+    return fault.kind == Kind::drop ||
+           (fault.kind == Kind::succeedEmpty &&
+            (fault.name == "IBlackmagicRawJob::Submit" || fault.name == "IBlackmagicRaw::SetCallback"));
+}
+
+/// Nobody knows of the library's threads then.
+bool neverFlushes(const ReferenceDecoderFault& fault) {
+    return fault.name == "IBlackmagicRaw::FlushJobs" && fault.occurrence == 0;
+}
+
+/// In a process of its own: what may still be used stays, so the next picture comes with it in the way.
+std::string tryLastingFault(const std::vector<std::string>& arguments) {
+    const auto number = [&](size_t i) { return static_cast<uint32_t>(std::stoul(arguments[i])); };
+    auto scenario = scenarioMakers[number(0)]();
+    const ReferenceDecoderFault fault{arguments[1], number(2), static_cast<Kind>(number(3)), E_FAIL};
+    if (const std::string trouble = scenario->troubleInGoodRun(); !trouble.empty())
+        return "without the fault: " + trouble;
+    scenario->setManners(static_cast<ReferenceDecoderManners>(number(5)));
+    const ScenarioOutcome outcome = scenario->run({fault}, number(4));
+    ReferenceDecoderAccount account = scenario->decoder().account();
+    if (account.faultsFired == 0)
+        return "the fault was never reached";
+    if (leavesJobRunning(fault) && outcome.result() == S_OK)
+        return "a picture of a job that has not ended";
+    if (leavesJobRunning(fault) != (account.liveResources > 0))
+        return "the memory of " + std::to_string(account.liveResources) + " resources is still there";
+    const ScenarioOutcome next = scenario->run();
+    account = scenario->decoder().account();
+    if (!account.isSound())
+        return account.describe();
+    std::string trouble = next.trouble.empty() ? outcome.trouble : next.trouble;
+    if (trouble.empty())
+        trouble = scenario->pictureTrouble(next, Expected::picture);
+    const bool stays =
+        scenario->name().starts_with("thumbnail") && (leavesJobRunning(fault) || fault.kind == Kind::fail);
+    scenario.reset(); // unloads the handler, as far as it goes
+    for (const wchar_t* name : {L"BlackmagicRawAPI.dll", L"Clipforge_Thumbnails.dll"})
+        if (stays && trouble.empty() && GetModuleHandleW(name) == nullptr)
+            trouble = "a library has gone whose code may still run";
+    return trouble;
+}
+const ProofChild lastingFault{"lasting fault", tryLastingFault};
+const ProofEntry lastingFaultEntry(lastingFault);
+
+void tryInChild(size_t scenarioIndex, ProofTally& tally, const std::string& what,
+                const ReferenceDecoderFault& fault, uint32_t jobDelay = 0,
+                ReferenceDecoderManners manners = ReferenceDecoderManners::none) {
+    tally.attempt(what, [&] {
+        return troubleInChild(lastingFault,
+                              {std::to_string(scenarioIndex), fault.name, std::to_string(fault.occurrence),
+                               std::to_string(static_cast<uint32_t>(fault.kind)), std::to_string(jobDelay),
+                               std::to_string(static_cast<uint32_t>(manners))});
+    });
+}
+
 void tryFault(Scenario& scenario, ProofTally& tally, const std::string& what,
               const ReferenceDecoderFault& fault, Expected expected, uint32_t jobDelay = 0) {
     tally.attempt(scenario.name() + ", " + what, [&] {
@@ -93,46 +154,96 @@ void tryFault(Scenario& scenario, ProofTally& tally, const std::string& what,
     });
 }
 
-void tryEveryCall(Scenario& scenario, ProofForm form, bool isMain, ProofTally& tally) {
+void tryEveryCall(Scenario& scenario, size_t scenarioIndex, ProofForm form, ProofTally& tally) {
     tally.attempt(scenario.name() + ", no fault", [&] { return scenario.troubleInGoodRun(); });
     const std::vector<ReferenceDecoderCall> calls = scenario.decoder().recording();
     constexpr size_t sample = 11;
     size_t number = 0;
     for (const FaultRow& row : rows)
         for (const ReferenceDecoderCall& call : calls) {
-            const bool isWhole = form == ProofForm::full || (isMain && row.isInBrief);
-            if (applies(row, call.name) && (isWhole || number++ % sample == 0))
-                tryFault(scenario, tally,
-                         call.name + " #" + std::to_string(call.occurrence) + ": " + row.what,
-                         {call.name, call.occurrence, row.kind, row.value},
-                         expectedOf(row, call.name, scenario.name()));
+            const bool isWhole = form == ProofForm::full || (scenarioIndex == 0 && row.isInBrief);
+            if (!applies(row, call.name) || (!isWhole && number++ % sample != 0))
+                continue;
+            const std::string what = call.name + " #" + std::to_string(call.occurrence) + ": " + row.what;
+            const ReferenceDecoderFault fault{call.name, call.occurrence, row.kind, row.value};
+            if (!leavesJobRunning(fault))
+                tryFault(scenario, tally, what, fault, expectedOf(row, call.name, scenario.name()));
+            else if (form == ProofForm::full || call.occurrence == 2) // they take seconds
+                tryInChild(scenarioIndex, tally, scenario.name() + ", " + what, fault);
         }
 }
 
 /// The flush that shall wait for the jobs fails at once, while they run; and every later one as well.
-void tryFlushes(Scenario& scenario, ProofForm form, ProofTally& tally) {
+void tryFlushes(Scenario& scenario, size_t scenarioIndex, ProofForm form, ProofTally& tally) {
     for (const uint32_t jobDelay : {1u, 5u, 20u, 60u})
         for (const uint32_t occurrence : {0u, 1u})
-            for (const Kind kind : {Kind::fail, Kind::succeedEmpty})
-                if (form == ProofForm::full || jobDelay == 20)
-                    tryFault(scenario, tally,
-                             "flush #" + std::to_string(occurrence) +
-                                 (kind == Kind::fail ? " fails" : " does nothing") + " before jobs of " +
-                                 std::to_string(jobDelay) + " ms",
-                             {"IBlackmagicRaw::FlushJobs", occurrence, kind, E_FAIL}, Expected::rightIfAny,
-                             jobDelay);
+            for (const Kind kind : {Kind::fail, Kind::succeedEmpty}) {
+                const std::string what = "flush #" + std::to_string(occurrence) +
+                                         (kind == Kind::fail ? " fails" : " does nothing") +
+                                         " before jobs of " + std::to_string(jobDelay) + " ms";
+                const ReferenceDecoderFault fault{"IBlackmagicRaw::FlushJobs", occurrence, kind, E_FAIL};
+                if (form == ProofForm::brief && jobDelay != 20)
+                    continue;
+                if (!neverFlushes(fault))
+                    tryFault(scenario, tally, what, fault, Expected::rightIfAny, jobDelay);
+                else if (form == ProofForm::full || scenarioIndex == 0)
+                    tryInChild(scenarioIndex, tally, scenario.name() + ", " + what, fault, jobDelay);
+            }
 }
 
 void run(ProofForm form, ProofTally& tally) {
-    const std::unique_ptr<Scenario> scenarios[] = {makeThumbnailScenario(),
-                                                   makeThumbnailScenario({.size = 200}), makeGpuScenario(),
-                                                   makeSettingsScenario()};
-    for (const auto& scenario : scenarios) {
-        tryEveryCall(*scenario, form, scenario == scenarios[0], tally);
-        tryFlushes(*scenario, form, tally);
+    for (size_t i = 0; i < std::size(scenarioMakers); ++i) {
+        const auto scenario = scenarioMakers[i]();
+        tryEveryCall(*scenario, i, form, tally);
+        tryFlushes(*scenario, i, form, tally);
     }
 }
 
+/// Decoders that own, count, wait and thread otherwise than ours, each with what leaves a request unfinished.
+void tryManners(ProofForm form, ProofTally& tally) {
+    using Manners = ReferenceDecoderManners;
+    constexpr Manners worst = Manners::resourceManagerHoldsCodec | Manners::callbackIsNotCounted |
+                              Manners::lastReleaseDoesNotWait | Manners::threadsDoNotHoldLibrary;
+    constexpr struct {
+        const char* what;
+        Manners manners;
+    } all[] = {
+        {"the resource manager holds the codec", Manners::resourceManagerHoldsCodec},
+        {"that and an uncounted callback",
+         Manners::resourceManagerHoldsCodec | Manners::callbackIsNotCounted},
+        {"an uncounted callback", Manners::callbackIsNotCounted},
+        {"a last release that does not wait", Manners::lastReleaseDoesNotWait},
+        {"threads that do not hold the library", Manners::threadsDoNotHoldLibrary},
+        {"all of that", worst},
+        {"completions within Submit", Manners::submitCompletesFirst},
+        {"changing threads and late completions", Manners::changingThreads | Manners::lateCompletions},
+    };
+    const ReferenceDecoderFault faults[] = {
+        {"IBlackmagicRaw::FlushJobs", 1},        {"IBlackmagicRaw::FlushJobs", 0},
+        {"IBlackmagicRawJob::GetUserData", 1},   {"IBlackmagicRawJob::GetUserData", 2},
+        {"IBlackmagicRawJob::GetUserData", 3},   {"IBlackmagicRawJob::GetUserData", 0},
+        {"IBlackmagicRawCallback::ReadComplete"}};
+    for (size_t i = 0; i < std::size(scenarioMakers); ++i) {
+        const auto scenario = scenarioMakers[i]();
+        for (const auto& [what, manners] : all) {
+            scenario->setManners(manners);
+            tally.attempt(scenario->name() + ", " + what, [&] { return scenario->troubleInGoodRun(); });
+            for (ReferenceDecoderFault fault : faults) {
+                fault.value = E_FAIL;
+                const std::string title =
+                    std::string(what) + ", " + fault.name + " #" + std::to_string(fault.occurrence);
+                const bool isWhole = form == ProofForm::full;
+                if (!neverFlushes(fault)) {
+                    if (isWhole || i == 0)
+                        tryFault(*scenario, tally, title, fault, Expected::rightIfAny, 10);
+                } else if (isWhole ? i % 2 == 0 : i == 0 && manners == worst)
+                    tryInChild(i, tally, scenario->name() + ", " + title, fault, 10, manners);
+            }
+        }
+    }
+}
+
+PROOF_CHECK("manners", "decoders of other manners, with requests left unfinished", tryManners);
 PROOF_CHECK("faults", "each call into and out of the decoder fails once, in each way", run);
 
 } // namespace

@@ -152,6 +152,7 @@ ScenarioOutcome Scenario::run(const std::vector<ReferenceDecoderFault>& faults,
     m_leftovers.start();
     decoder().setGuardResources(true);
     decoder().setJobDelay(jobDelayMilliseconds);
+    decoder().setManners(m_manners);
     prepareDecoder();
     for (const ReferenceDecoderFault& fault : faults)
         decoder().arm(fault);
@@ -168,6 +169,10 @@ std::string Scenario::troubleAfter(const ScenarioOutcome& outcome, Expected expe
         return left;
     if (!isFree(m_clipPath))
         return "the clip is still open";
+    return pictureTrouble(outcome, expected);
+}
+
+std::string Scenario::pictureTrouble(const ScenarioOutcome& outcome, Expected expected) const {
     for (size_t i = 0; i < outcome.pictures.size(); ++i) {
         const auto& [result, pixels] = outcome.pictures[i];
         if (result != S_OK && (SUCCEEDED(result) || expected == Expected::picture))

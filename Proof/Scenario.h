@@ -119,6 +119,8 @@ public:
                         uint32_t jobDelayMilliseconds = 0);
     /// What is not as it must be after that run; empty when all is well.
     std::string troubleAfter(const ScenarioOutcome& outcome, Expected expected) const;
+    /// The pictures' part of that.
+    std::string pictureTrouble(const ScenarioOutcome& outcome, Expected expected) const;
     /// To be called first after a run in which the decoder refused to take a resource back: it, and no other,
     /// is still out, and is forgotten.
     void forgetRefusedResource();
@@ -126,6 +128,9 @@ public:
     std::string troubleInGoodRun();
     /// `trouble`, or when there is none that of a good run after it.
     std::string orTroubleInNextRun(const std::string& trouble);
+
+    /// How the decoder behaves in the runs from here on.
+    void setManners(ReferenceDecoderManners manners) { m_manners = manners; }
 
     /// Called right before and right after the product's own work of a run.
     std::function<void()> onStart = [] {}, onEnd = [] {};
@@ -139,6 +144,7 @@ protected:
     TemporaryFolder m_folder;
     std::filesystem::path m_clipPath = (m_folder.path() / "clip.braw").make_preferred();
     Leftovers m_leftovers;
+    ReferenceDecoderManners m_manners = ReferenceDecoderManners::none;
     std::vector<std::vector<uint8_t>> m_expected; ///< of a good run; learnt from the first when empty
 };
 

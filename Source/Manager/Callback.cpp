@@ -11,17 +11,26 @@
 
 namespace {
 
+/// The texts with which the chaining of a job can fail.
+struct ChainTexts {
+    std::string_view setUserData;
+    std::string_view submit;
+    std::string_view release;
+};
+
 /// How a stage left its request.
 struct StageEnd {
-    enum class Kind { submitted, finished, failed, endedByHook };
-    Kind kind = Kind::submitted;
-    uint32_t code = brErrorNone;
+    enum class Kind { next, finished, failed, endedByHook };
+    Kind kind = Kind::endedByHook;
+    uint32_t code = brErrorNone; ///< of the failure, or of that of submitting the next job
     HRESULT hr = S_OK;
     std::string message;
+    brBufferManager::Job job;          ///< the next one
+    const ChainTexts* texts = nullptr; ///< the next job's
 };
 
 StageEnd failed(uint32_t code, HRESULT hr, std::string message) {
-    return {StageEnd::Kind::failed, code, hr, std::move(message)};
+    return {.kind = StageEnd::Kind::failed, .code = code, .hr = hr, .message = std::move(message)};
 }
 
 StageEnd failed(uint32_t code, HRESULT hr, std::string_view message, const vdStatus& status) {
@@ -55,36 +64,50 @@ vdBRAW_Request* requestOf(IBlackmagicRawJob* job, const Completion& completion) 
     return nullptr;
 }
 
+/// A job has come back. Counted when its completion returns: until then it may use all that a job may.
+class JobReturn {
+public:
+    explicit JobReturn(std::atomic<int32_t>& jobsInFlight) : m_jobsInFlight(jobsInFlight) {}
+    ~JobReturn() { --m_jobsInFlight; }
+    JobReturn(const JobReturn&) = delete;
+    JobReturn& operator=(const JobReturn&) = delete;
+
+private:
+    std::atomic<int32_t>& m_jobsInFlight;
+};
+
 void endRequest(vdBRAW_Request& request, vdLock<vdMutex>& lock) {
     request.m_isFinished = true;
     lock.unlock();
     request.notifyListener();
 }
 
+/// Unless it has ended meanwhile: a request ends once.
 void fail(vdBRAW_Request& request, vdLock<vdMutex>& lock, uint32_t code, HRESULT hr,
           std::string_view message) {
+    if (request.m_isFinished)
+        return;
     lock.handOver();
     request.failAndUnlock(code, hr, message);
 }
 
-/// The entry and the end that all completions share. `entered` notes under the lock that the job has come
-/// back, `stage` does the completion's own work. A request that has already ended is left alone: its
-/// failure came while this job was in flight.
+/// The work of a completion under its request's lock. What is left to do without it is in the result: a job
+/// to be submitted.
 template <class Entered, class Stage>
-void complete(vdBRAW_Request& request, const Completion& completion, Entered&& entered, Stage&& stage) {
-    vdLock lock(request.m_mutex, "request->m_mutex", completion.function);
+StageEnd workLocked(vdBRAW_Request& request, vdLock<vdMutex>& lock, const Completion& completion,
+                    Entered&& entered, Stage&& stage) {
     entered(request);
     VD_LOG_AS(vdLogLevel::info, completion.function,
               request.identity() << completion.label << " dt " << request.m_jobTimer.lapMicroseconds()
                                  << " us");
     if (request.m_isFinished)
-        return;
+        return {};
     if (request.m_isCancelled) {
         VD_LOG_AS(vdLogLevel::info, completion.function, request.identity() << "Cancelled Request !");
         request.m_isFinished = true;
         request.onFinished();
         endRequest(request, lock);
-        return;
+        return {};
     }
     StageEnd end;
     const HRESULT guarded = guardBoundary([&] {
@@ -97,32 +120,54 @@ void complete(vdBRAW_Request& request, const Completion& completion, Entered&& e
         fail(request, lock, end.code, end.hr, end.message);
     else if (end.kind == StageEnd::Kind::finished)
         endRequest(request, lock);
+    else
+        return end;
+    return {};
 }
 
-/// The texts with which the chaining of a job can fail.
-struct ChainTexts {
-    std::string_view setUserData;
-    std::string_view submit;
-    std::string_view release;
-};
+/// Without the request's lock: a library may run the job, or wait for it, before it returns.
+void submitNext(vdBRAW_Manager_Callback& callback, vdBRAW_Request& request, const Completion& completion,
+                StageEnd&& end) {
+    std::string_view message = end.texts->submit;
+    HRESULT hr = callback.submit(request, *end.job.Get());
+    if (SUCCEEDED(hr)) {
+        hr = static_cast<HRESULT>(end.job.Detach()->Release());
+        message = end.texts->release;
+    }
+    if (FAILED(hr)) {
+        vdLock lock(request.m_mutex, "request->m_mutex", completion.function);
+        fail(request, lock, end.code, hr, message);
+    }
+}
 
-/// Sends a request's next job on its way. The job's reference is given back whatever happens.
-StageEnd submitNext(vdBRAW_Request& request, brBufferManager::Job job, uint32_t code,
-                    const ChainTexts& texts) {
-    HRESULT hr = job->SetUserData(&request);
+/// The entry and the end that all completions share. `entered` notes under the lock that the job has come
+/// back, `stage` does the completion's own work. A request that has already ended is left alone: its
+/// failure came while this job was in flight.
+template <class Entered, class Stage>
+void complete(vdBRAW_Manager_Callback& callback, IBlackmagicRawJob* job, const Completion& completion,
+              Entered&& entered, Stage&& stage) {
+    vdBRAW_Request* const carried = requestOf(job, completion);
+    if (!carried)
+        return;
+    std::shared_ptr<vdBRAW_Request> request; // the last reference, when a poller drops its own meanwhile
+    StageEnd end;
+    {
+        vdLock lock(carried->m_mutex, "request->m_mutex", completion.function);
+        request = std::move(carried->m_keptByJob);
+        if (!request)
+            request = carried->weak_from_this().lock();
+        end = workLocked(*carried, lock, completion, entered, stage);
+    }
+    if (end.kind == StageEnd::Kind::next)
+        submitNext(callback, *carried, completion, std::move(end));
+}
+
+/// The request's next job, ready to be submitted.
+StageEnd chain(vdBRAW_Request& request, brBufferManager::Job job, uint32_t code, const ChainTexts& texts) {
+    const HRESULT hr = job->SetUserData(&request);
     if (FAILED(hr))
         return failed(code, hr, std::string(texts.setUserData));
-    request.m_jobTimer.start();
-    request.m_isProcessing = true;
-    hr = job->Submit();
-    if (FAILED(hr)) {
-        request.m_isProcessing = false;
-        return failed(code, hr, std::string(texts.submit));
-    }
-    const auto released = static_cast<HRESULT>(job.Detach()->Release());
-    if (FAILED(released))
-        return failed(code, released, std::string(texts.release));
-    return {};
+    return {.kind = StageEnd::Kind::next, .code = code, .job = std::move(job), .texts = &texts};
 }
 
 StageEnd fillFrameState(vdBRAW_Request& request, IBlackmagicRawFrame* frame, HRESULT hr,
@@ -147,21 +192,27 @@ StageEnd fillFrameStateWithSettings(vdBRAW_Request& request, IBlackmagicRawFrame
     return end;
 }
 
-StageEnd submitDecode(vdBRAW_Request& request, HRESULT hr) {
+constexpr ChainTexts decodeTexts = {"Impossible to Set UserData on decodeJob !",
+                                    "Impossible to submit DecodeJob ! ", "Impossible to Release decodeJob !"};
+constexpr ChainTexts processTexts = {"Impossible to Set UserData on processJob ! ",
+                                     "Impossible to Submit processJob ! ",
+                                     "Impossible to Release processJob ! "};
+
+StageEnd chainDecode(vdBRAW_Request& request, HRESULT hr) {
     brBufferManager::Job job;
     if (const vdStatus status = request.m_bufferManager->createDecodeJob(job); status.failed)
         return failed(brErrorDecode, hr, "Error createDecodeJob : ", status);
-    return submitNext(request, std::move(job), brErrorDecode,
-                      {"Impossible to Set UserData on decodeJob !", "Impossible to submit DecodeJob ! ",
-                       "Impossible to Release decodeJob !"});
+    return chain(request, std::move(job), brErrorDecode, decodeTexts);
 }
 
 StageEnd readStage(vdBRAW_Request& request, HRESULT hr, IBlackmagicRawFrame* frame) {
+    if (!frame)
+        return failed(brErrorNoFrame, hr, "ReadComplete called with error code - ");
     const int hooked = request.onFrameRead(frame);
     if (request.m_errorCode != brErrorNone)
-        return {StageEnd::Kind::endedByHook};
+        return {};
     if (hooked == 1)
-        return {StageEnd::Kind::finished};
+        return {.kind = StageEnd::Kind::finished};
 
     // A failed read shows here: nothing is set on its frame.
     if (hr == S_OK && request.m_resourceFormat != 0)
@@ -177,7 +228,7 @@ StageEnd readStage(vdBRAW_Request& request, HRESULT hr, IBlackmagicRawFrame* fra
                                                : fillFrameState(request, frame, hr, nullptr);
     if (end.kind == StageEnd::Kind::failed)
         return end;
-    return submitDecode(request, hr);
+    return chainDecode(request, hr);
 }
 
 StageEnd decodeStage(vdBRAW_Request& request, HRESULT result) {
@@ -187,9 +238,7 @@ StageEnd decodeStage(vdBRAW_Request& request, HRESULT result) {
     const uint32_t code = processCode(request);
     if (const vdStatus status = request.m_bufferManager->createProcessJob(job); status.failed)
         return failed(code, S_OK, "Error CreateProcess Job : ", status);
-    return submitNext(request, std::move(job), code,
-                      {"Impossible to Set UserData on processJob ! ", "Impossible to Submit processJob ! ",
-                       "Impossible to Release processJob ! "});
+    return chain(request, std::move(job), code, processTexts);
 }
 
 /// Compares what the library made with what was asked of it, and takes its measures.
@@ -251,17 +300,48 @@ brTrimContext* trimContextOf(IBlackmagicRawJob* job) {
 
 } // namespace
 
+HRESULT vdBRAW_Manager_Callback::QueryInterface(REFIID identifier, void** result) {
+    if (!result)
+        return E_POINTER;
+    *result = nullptr;
+    if (identifier != __uuidof(IUnknown) && identifier != __uuidof(IBlackmagicRawCallback))
+        return E_NOTIMPL;
+    *result = static_cast<IBlackmagicRawCallback*>(this);
+    AddRef();
+    return S_OK;
+}
+
+ULONG vdBRAW_Manager_Callback::Release() {
+    const ULONG left = --m_references;
+    if (left == 0)
+        delete this;
+    return left;
+}
+
+HRESULT vdBRAW_Manager_Callback::submit(vdBRAW_Request& request, IBlackmagicRawJob& job) noexcept {
+    {
+        vdLock lock(request.m_mutex, "request->m_mutex");
+        request.m_keptByJob = request.weak_from_this().lock();
+        request.m_isProcessing = true;
+        request.m_jobTimer.start();
+    }
+    ++m_jobsInFlight;
+    const HRESULT hr = job.Submit();
+    if (FAILED(hr)) {
+        std::shared_ptr<vdBRAW_Request> kept; // goes after the lock
+        vdLock lock(request.m_mutex, "request->m_mutex");
+        kept = std::move(request.m_keptByJob);
+        request.m_isProcessing = false;
+        --m_jobsInFlight;
+    }
+    return hr;
+}
+
 void vdBRAW_Manager_Callback::ReadComplete(IBlackmagicRawJob* job, HRESULT result,
                                            IBlackmagicRawFrame* frame) {
-    vdBRAW_Request* request = requestOf(job, readCompletion);
-    if (!request)
-        return;
-    if (!frame) {
-        request->HandleError(brErrorNoFrame, result, "ReadComplete called with error code - ", false);
-        return;
-    }
+    const JobReturn returned(m_jobsInFlight);
     complete(
-        *request, readCompletion,
+        *this, job, readCompletion,
         [](vdBRAW_Request& r) {
             r.m_isProcessing = false;
             r.m_readDone = true;
@@ -270,25 +350,25 @@ void vdBRAW_Manager_Callback::ReadComplete(IBlackmagicRawJob* job, HRESULT resul
 }
 
 void vdBRAW_Manager_Callback::DecodeComplete(IBlackmagicRawJob* job, HRESULT result) {
+    const JobReturn returned(m_jobsInFlight);
     VD_LOG_INFO("Callback DecodeComplete called");
-    if (vdBRAW_Request* request = requestOf(job, decodeCompletion))
-        complete(
-            *request, decodeCompletion, [](vdBRAW_Request& r) { r.m_isProcessing = false; },
-            [&](vdBRAW_Request& r) { return decodeStage(r, result); });
+    complete(
+        *this, job, decodeCompletion, [](vdBRAW_Request& r) { r.m_isProcessing = false; },
+        [&](vdBRAW_Request& r) { return decodeStage(r, result); });
 }
 
 void vdBRAW_Manager_Callback::ProcessComplete(IBlackmagicRawJob* job, HRESULT result,
                                               IBlackmagicRawProcessedImage* processedImage) {
-    if (vdBRAW_Request* request = requestOf(job, processCompletion))
-        complete(
-            *request, processCompletion, [](vdBRAW_Request&) {},
-            [&](vdBRAW_Request& r) {
-                r.m_isProcessing = false;
-                r.m_processDone = true;
-                r.m_processedWidth = 0;
-                r.m_processedHeight = 0;
-                return processStage(r, result, processedImage);
-            });
+    const JobReturn returned(m_jobsInFlight);
+    complete(
+        *this, job, processCompletion, [](vdBRAW_Request&) {},
+        [&](vdBRAW_Request& r) {
+            r.m_isProcessing = false;
+            r.m_processDone = true;
+            r.m_processedWidth = 0;
+            r.m_processedHeight = 0;
+            return processStage(r, result, processedImage);
+        });
 }
 
 void vdBRAW_Manager_Callback::TrimProgress(IBlackmagicRawJob* job, float progress) {

@@ -1,6 +1,7 @@
 // A clip file opened through the decoder library.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -44,8 +45,8 @@ public:
     uint32_t m_tag = fourCharacterCode("clip");
     uint64_t m_id;
     std::string m_filePath;
-    vdBstr m_filePathBstr; ///< null when the path is empty or not whole UTF-8
-    bool m_isOpened = false;
+    vdBstr m_filePathBstr;               ///< null when the path is empty or not whole UTF-8
+    std::atomic<bool> m_isOpened{false}; ///< read without the lock
     float m_frameRate = -1.0f;
     uint32_t m_width = 0;
     uint32_t m_height = 0;
@@ -56,7 +57,7 @@ public:
     Microsoft::WRL::ComPtr<IBlackmagicRawClip> m_bmClip;
     Microsoft::WRL::ComPtr<IBlackmagicRawClipEx> m_bmClipEx;
     Microsoft::WRL::ComPtr<IBlackmagicRawClipGeometry> m_bmGeometry;
-    vdMutex m_bmClipMutex;
+    mutable vdMutex m_bmClipMutex;
 
 private:
     vdStatus open(IBlackmagicRaw* codec, IBlackmagicRawClipGeometry* geometry);

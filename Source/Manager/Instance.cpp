@@ -54,13 +54,15 @@ std::string libraryPath(std::string_view folder) {
     return std::string(folder) + utf16ToUtf8(BlackmagicRawAPIFileName);
 }
 
-/// A factory from the library, which is loaded from the instance's folder unless it is loaded already.
-IBlackmagicRawFactory* loadAndCreateFactory(const Instance& instance) {
+/// A factory from the library, which is loaded from the instance's folder unless it is loaded already. The
+/// instance holds the library from then on, even if it gives no factory.
+IBlackmagicRawFactory* loadAndCreateFactory(Instance& instance) {
     const LoaderLock lock;
     if (!lock)
         return nullptr;
     if (instance.libraryFolder.get() && !IsBlackmagicRawAPILoaded())
         TryLoadBlackmagicRawAPI(normaliseLibraryFolder(instance.libraryFolder.view()));
+    instance.library.take();
     return CreateBlackmagicRawFactory();
 }
 
@@ -142,6 +144,9 @@ std::unique_ptr<vdPipelineDevice> createDevice(IBlackmagicRawPipelineDeviceItera
     return nullptr;
 }
 
+/// More pipelines than any library can have.
+constexpr int mostPipelines = 64;
+
 /// Walks the library's pipelines to the first that will do and whose device can be made. Null when there is
 /// none, or when a pipeline's devices cannot even be listed.
 std::unique_ptr<vdPipelineDevice> findDevice(IBlackmagicRawFactory& factory, BlackmagicRawPipeline wanted,
@@ -157,7 +162,11 @@ std::unique_ptr<vdPipelineDevice> findDevice(IBlackmagicRawFactory& factory, Bla
     hr = pipelines->GetPipeline(&pipeline);
     if (hr != S_OK)
         VD_LOG_AS(vdLogLevel::error, "initPipeline", "Getting First Pipeline error : " << hresultText(hr));
-    while (hr == S_OK && pipeline != 0) {
+    for (int i = 0; hr == S_OK && pipeline != 0; ++i) {
+        if (i == mostPipelines) {
+            VD_LOG_AS(vdLogLevel::error, "initPipeline", "The Pipeline Iterator does not come to an end");
+            return nullptr;
+        }
         VD_LOG_AS(vdLogLevel::info, "initPipeline", "-- New Pipeline : " << nameOf(pipelineNames, pipeline));
         if (pipeline == wanted || acceptAny) {
             ComPtr<IBlackmagicRawPipelineDeviceIterator> devices;
@@ -170,7 +179,6 @@ std::unique_ptr<vdPipelineDevice> findDevice(IBlackmagicRawFactory& factory, Bla
             if (auto record = createDevice(*devices.Get(), pipeline))
                 return record;
         }
-        // An iterator that cannot go on would give its last pipeline for ever.
         hr = pipelines->Next();
         if (hr == S_OK)
             hr = pipelines->GetPipeline(&pipeline);
@@ -179,6 +187,25 @@ std::unique_ptr<vdPipelineDevice> findDevice(IBlackmagicRawFactory& factory, Bla
 }
 
 } // namespace
+
+void brLibraryHold::take() noexcept {
+    const LoaderLock lock;
+    if (lock && !m_isHeld)
+        m_isHeld = HoldBlackmagicRawAPI();
+}
+
+void brLibraryHold::giveBack() noexcept {
+    if (!m_isHeld)
+        return;
+    // Without the lock the library stays: that costs memory, and nothing else.
+    if (const LoaderLock lock; lock)
+        ReleaseBlackmagicRawAPI();
+    m_isHeld = false;
+}
+
+void brLibraryHold::keepForGood() noexcept {
+    m_isHeld = false;
+}
 
 Instance::~Instance() {
     Release(*this);
@@ -225,7 +252,10 @@ int32_t Release(Instance& instance) noexcept {
     if (IBlackmagicRawFactory* factory = std::exchange(instance.factory, nullptr))
         factory->Release();
     VD_LOG_INFO("Releasing BMD Libs Win");
-    ReleaseBlackmagicRawAPI();
+    if (instance.library.isHeld())
+        instance.library.giveBack();
+    else if (!IsBlackmagicRawAPILoaded())
+        ReleaseBlackmagicRawAPI(); // says that there is nothing to do
     VD_LOG_INFO("BMD Libs Released");
     instance.isInitialised = false;
     return 0;
@@ -241,9 +271,8 @@ bool initPipeline(Instance& instance, BlackmagicRawPipeline wantedPipeline, bool
     if (instance.useGpuPipeline && record->pipeline == blackmagicRawPipelineCUDA) {
         VD_LOG_INFO("Loading CUDA");
         // A missing runtime shows when it is first needed; the decoder may well do without.
-        std::string message;
-        if (!loadCudaRuntime(message))
-            VD_LOG_WARN(message);
+        std::string unused;
+        loadCudaRuntime(unused);
     }
     VD_LOG_INFO("Replacing old pipeline with new one created");
     instance.pipelineDevice = std::move(record);

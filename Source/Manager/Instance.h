@@ -11,6 +11,25 @@
 #include "BlackmagicRawAPI.h"
 #include "Utils/vdBstr.h"
 
+/// A user's hold on the loaded decoder library. The last one to be given back unloads it.
+class brLibraryHold {
+public:
+    brLibraryHold() = default;
+    ~brLibraryHold() { giveBack(); }
+    brLibraryHold(const brLibraryHold&) = delete;
+    brLibraryHold& operator=(const brLibraryHold&) = delete;
+
+    /// Holds the library if it is loaded and this does not hold it yet.
+    void take() noexcept;
+    void giveBack() noexcept;
+    /// The library is never unloaded from here on.
+    void keepForGood() noexcept;
+    bool isHeld() const { return m_isHeld; }
+
+private:
+    bool m_isHeld = false;
+};
+
 /// A pipeline's device and what the decoder library says of it.
 struct vdPipelineDevice {
     BlackmagicRawInstructionSet instructionSet = 0;
@@ -30,8 +49,8 @@ inline constexpr int32_t brFrameworkShell = 3;
 inline constexpr int32_t brFrameworkPremiere = 4;
 inline constexpr int32_t brFrameworkAfterEffects = 6;
 
-/// The decoder library as one manager holds it. Destroying the record releases everything it holds and
-/// unloads the library, so it must outlive every interface obtained through it.
+/// The decoder library as one manager holds it. Destroying the record releases everything it holds; the
+/// library is unloaded with its last holder.
 struct Instance {
     bool isInitialised = false;
     vdBstr libraryFolder; ///< last folder that held the library file, ending with a backslash
@@ -39,6 +58,7 @@ struct Instance {
     IBlackmagicRawFactory* factory = nullptr; ///< one reference owned
     bool useGpuPipeline = false;
     std::unique_ptr<vdPipelineDevice> pipelineDevice;
+    brLibraryHold library;
 
     Instance() = default;
     Instance(const Instance&) = delete;
@@ -56,7 +76,7 @@ bool tryToInitBM(Instance& instance, std::string_view folder);
 /// True when the library file is the build this product was made for, judged by its size.
 bool isTheDllLastVersion(const Instance& instance);
 
-/// Releases all that the instance holds and unloads the library; 0 always. The destructor calls it.
+/// Releases all that the instance holds, its hold on the library last; 0 always. The destructor calls it.
 int32_t Release(Instance& instance) noexcept;
 
 /// Chooses a pipeline and device and installs them in the instance, replacing what was there. Without

@@ -1,6 +1,7 @@
 #include "Manager.h"
 
 #include <algorithm>
+#include <iterator>
 #include <sstream>
 
 #include "Utils/vdLogging.h"
@@ -15,6 +16,11 @@ namespace {
 
 constexpr const char* initFunction = "initFromFramework";
 
+/// How often the library is asked to finish its jobs, and how long those that it leaves running are waited
+/// for, before they count as never ending.
+constexpr int flushAttempts = 3;
+constexpr uint32_t lastJobsMilliseconds = 2000;
+
 /// The library's wide text in UTF-8.
 template <class Getter>
 std::string textOf(Getter&& getter) {
@@ -23,6 +29,8 @@ std::string textOf(Getter&& getter) {
     return utf16ToUtf8(text.view());
 }
 
+/// The last two are one letter short on purpose: so they have always stood in the log, and so they are
+/// searched for in it.
 std::string_view configuredPipelineName(BlackmagicRawPipeline pipeline) {
     switch (pipeline) {
     case blackmagicRawPipelineCPU:
@@ -45,8 +53,12 @@ vdBRAW_Manager::vdBRAW_Manager()
 
 vdBRAW_Manager::~vdBRAW_Manager() {
     Release();
-    m_queue.clear(); // gives buffers back, so before the library goes
+    m_queue.clear(); // gives buffers back, which may be all that keeps a codec alive
+    settleSession();
+    if (m_keepsInstance)
+        static_cast<void>(m_instance.release());
     m_instance.reset();
+    // The callback goes with the session: after the library that may hold it uncounted.
 }
 
 // Initialisation and release.
@@ -87,18 +99,20 @@ int vdBRAW_Manager::failInit(std::string_view errorInfo, HRESULT hr) {
 }
 
 int vdBRAW_Manager::initFromFramework(BlackmagicRawPipeline pipeline, bool useGPU) {
-    const bool isNewDevice = initPipeline(*m_instance, pipeline, useGPU);
+    if (!m_instance)
+        return 1;
+    const bool isNewDevice = initPipeline(*m_instance, pipeline, useGPU); // the session holds the old one
     if (!isNewDevice && m_configuration)
         rebindDevice();
-    std::vector<uint64_t> toReload;
+    std::vector<std::shared_ptr<vdBRAW_Clip>> toReload;
     if (m_codec)
         toReload = closeForReinitialisation();
     if (createCodec() != 0 || installCallback() != 0)
         return 1;
+    m_errorInfo = {}; // an earlier attempt may have failed
     logCodecConfiguration();
-    for (const uint64_t id : toReload)
-        if (const std::shared_ptr<vdBRAW_Clip> clip = GetClip(id))
-            clip->reload(m_codec.Get());
+    for (const std::shared_ptr<vdBRAW_Clip>& clip : toReload)
+        clip->reload(m_codec.Get());
     return 0;
 }
 
@@ -113,18 +127,20 @@ void vdBRAW_Manager::rebindDevice() {
                                          << " pipeline to main Codec in setFromDevice : " << hresultText(hr));
 }
 
-std::vector<uint64_t> vdBRAW_Manager::closeForReinitialisation() {
+std::vector<std::shared_ptr<vdBRAW_Clip>> vdBRAW_Manager::closeForReinitialisation() {
     FlushQueue();
-    std::vector<uint64_t> closed;
-    for (const auto& [id, clip] : m_clips) {
+    const Rest rest = bringToRest(initFunction);
+    std::vector<std::shared_ptr<vdBRAW_Clip>> clips = allClips();
+    for (const std::shared_ptr<vdBRAW_Clip>& clip : clips)
         clip->Close(true);
-        closed.push_back(id);
-    }
-    releaseCodec();
-    return closed;
+    letGoOfCodec(rest, initFunction);
+    return clips;
 }
 
 int vdBRAW_Manager::createCodec() {
+    settleSession();
+    const vdPipelineDevice* current = m_instance->pipelineDevice.get();
+    m_session = std::make_shared<brCodecSession>(current ? current->device : nullptr);
     HRESULT hr = m_instance->factory->CreateCodec(&m_codec);
     if (hr != S_OK || !m_codec)
         return failInit("Blackmagic Factory creation error : Abnormal error.", initFunction,
@@ -173,11 +189,10 @@ void vdBRAW_Manager::queryGPUDecoder() {
 }
 
 int vdBRAW_Manager::installCallback() {
-    m_callback.reset(new (std::nothrow) vdBRAW_Manager_Callback);
-    if (!m_callback)
+    if (!m_session->makeCallback())
         return failInit("Blackmagic Callback creation error : Abnormal error.", initFunction,
                         "vdBRAW_Manager init - Failed to create vdBRAW_Manager_Callback!");
-    if (m_codec->SetCallback(m_callback.get()) != S_OK)
+    if (m_codec->SetCallback(m_session->callback()) != S_OK)
         return failInit("Blackmagic Callback setting error : Abnormal error.", initFunction,
                         "vdBRAW_Manager init - Failed to set IBlackmagicRawCallback!");
     return 0;
@@ -224,21 +239,49 @@ void vdBRAW_Manager::logCodecConfiguration() {
 
 int vdBRAW_Manager::Release() {
     VD_LOG_INFO("Releasing Global Manager");
-    if (m_codec)
-        m_codec->FlushJobs();
-    {
-        // What the flush left behind must not start further work on what is released now. It stays queued: a
-        // job of it may still be running, and ends at the latest with the codec.
-        vdLock lock(m_queueMutex, "QueueMutex");
-        for (const std::shared_ptr<vdBRAW_Request>& request : m_queue)
-            finishedOrCancelled(*request);
-    }
-    {
-        vdLock lock(m_clipsMutex, "m_clipsMutex");
-        m_clips.clear();
-    }
-    releaseCodec();
+    const bool hasCodec = m_codec != nullptr;
+    const Rest rest = hasCodec ? bringToRest(__func__) : Rest::complete;
+    releaseClips();
+    if (hasCodec)
+        letGoOfCodec(rest, __func__);
     return 0;
+}
+
+/// A job that is still running must not start further work on what is released next, so its request is
+/// cancelled, and stays queued.
+vdBRAW_Manager::Rest vdBRAW_Manager::bringToRest(const char* function) {
+    bool isFlushTrue = true;
+    for (int attempt = 0; attempt < flushAttempts; ++attempt) {
+        const HRESULT hr = m_codec->FlushJobs();
+        if (attempt == 0)
+            cancelQueue(function);
+        const bool isAtRest = m_session->isAtRest();
+        if (SUCCEEDED(hr) && isAtRest)
+            return isFlushTrue ? Rest::complete : Rest::ofJobs;
+        isFlushTrue = isFlushTrue && FAILED(hr); // it says so with jobs running
+        VD_LOG_AS(vdLogLevel::error, function, "Impossible to Flush Jobs ! " << hresultText(hr));
+    }
+    if (!m_session->isAtRest(lastJobsMilliseconds))
+        return Rest::incomplete;
+    return SUCCEEDED(m_codec->FlushJobs()) && isFlushTrue ? Rest::complete : Rest::ofJobs;
+}
+
+void vdBRAW_Manager::letGoOfCodec(Rest rest, const char* function) {
+    if (rest == Rest::incomplete)
+        return abandonCodec(function);
+    if (rest == Rest::ofJobs) {
+        VD_LOG_AS(vdLogLevel::error, function,
+                  "FlushJobs never worked : the decoder library stays loaded for good");
+        m_session->keepForGood();
+    }
+    vdLock lock(m_queueMutex, "QueueMutex", function);
+    for (const std::shared_ptr<vdBRAW_Request>& request : m_queue)
+        if (request->m_bufferManager && request->m_bufferManager->m_session == m_session) {
+            request->m_keptByJob.reset(); // of a completion that could not tell whose it was
+            request->giveBackClip();
+        }
+    lock.unlock();
+    releaseCodec();
 }
 
 void vdBRAW_Manager::releaseCodec() {
@@ -248,15 +291,39 @@ void vdBRAW_Manager::releaseCodec() {
     m_configurationEx.Reset();
     m_configuration.Reset();
     m_codec.Reset();
-    m_callback.reset(); // last: the codec calls it as long as it lives
+}
+
+/// A job is still running, and nobody can tell until when: what it may use stays for good. Its request keeps
+/// itself, and with it the buffers, their memory and the clip.
+void vdBRAW_Manager::abandonCodec(const char* function) {
+    VD_LOG_AS(vdLogLevel::error, function,
+              "A job does not end : codec, callback and decoder library stay loaded for good");
+    m_session->keepForGood();
+    m_session->keepDeviceForGood();
+    m_keepsInstance = true;
+    m_manualDecoderCPU.Detach();
+    m_manualDecoderGPU.Detach();
+    m_resourceManager.Detach();
+    m_configurationEx.Detach();
+    m_configuration.Detach();
+    m_codec.Detach();
+}
+
+/// For the session of a codec that has been given back. Where buffers of the codec are left, the session ends
+/// with the last of them.
+void vdBRAW_Manager::settleSession() {
+    if (m_session && m_session.use_count() == 1 && !m_session->settle())
+        m_keepsInstance = true;
 }
 
 std::unique_ptr<brBufferManager> vdBRAW_Manager::createBufferManager() const {
     const vdPipelineDevice* device = m_instance ? m_instance->pipelineDevice.get() : nullptr;
-    return std::make_unique<brBufferManager>(
+    auto buffers = std::make_unique<brBufferManager>(
         m_resourceManager.Get(), m_manualDecoderCPU.Get(), m_manualDecoderGPU.Get(),
         device ? device->resourceType : blackmagicRawResourceTypeBufferCPU,
         device ? device->context : nullptr, device ? device->commandQueue : nullptr);
+    buffers->m_session = m_session;
+    return buffers;
 }
 
 // Clips.
@@ -295,14 +362,14 @@ int vdBRAW_Manager::AddClipIfNew(std::string_view path, uint64_t& idOut) {
         return AddClip(path, idOut);
     }
     VD_LOG_INFO("Clip has been found. ID : " << idOut);
-    if (clip->doesNeedToBeReloaded())
+    if (clip->doesNeedToBeReloaded() && m_codec)
         clip->reload(m_codec.Get()); // what fails here shows when a frame is asked for
     return 0;
 }
 
 int vdBRAW_Manager::AddClip(std::string_view path, uint64_t& idOut) {
     VD_LOG_INFO("Calling AddClip");
-    if (m_errorInfo.failed)
+    if (m_errorInfo.failed || !m_codec)
         return 1;
     vdLock lock(m_clipsMutex, "m_clipsMutex");
     idOut = m_clips.size();
@@ -324,9 +391,30 @@ int vdBRAW_Manager::AddClip(std::string_view path, uint64_t& idOut) {
     return status.failed;
 }
 
+std::vector<std::shared_ptr<vdBRAW_Clip>> vdBRAW_Manager::allClips() {
+    std::vector<std::shared_ptr<vdBRAW_Clip>> clips;
+    vdLock lock(m_clipsMutex, "m_clipsMutex");
+    for (const auto& [id, clip] : m_clips)
+        clips.push_back(clip);
+    return clips;
+}
+
+/// Closes all clips and empties the registry. Whoever still has a clip has its facts; what of it is the
+/// library's goes while the library is there.
+void vdBRAW_Manager::releaseClips() {
+    vdLock lock(m_clipsMutex, "m_clipsMutex", "Release");
+    for (const auto& [id, clip] : m_clips) {
+        if (clip->m_isOpened)
+            clip->Close(false);
+        vdLock clipLock(clip->m_bmClipMutex, "m_bmClipMutex", "Release");
+        clip->m_bmGeometry.Reset();
+    }
+    m_clips.clear();
+}
+
 size_t vdBRAW_Manager::openedClipCount() const {
-    return static_cast<size_t>(std::count_if(m_clips.begin(), m_clips.end(),
-                                             [](const auto& entry) { return entry.second->m_isOpened; }));
+    return static_cast<size_t>(std::count_if(
+        m_clips.begin(), m_clips.end(), [](const auto& entry) -> bool { return entry.second->m_isOpened; }));
 }
 
 HRESULT vdBRAW_Manager::createGeometryForClip(ComPtr<IBlackmagicRawClipGeometry>& geometryOut) {
@@ -350,160 +438,4 @@ HRESULT vdBRAW_Manager::createGeometryForClip(ComPtr<IBlackmagicRawClipGeometry>
 
 int vdBRAW_Manager::CloseClip(std::shared_ptr<vdBRAW_Clip> clip) {
     return clip ? clip->Close(false) : 0;
-}
-
-// Requests.
-
-int vdBRAW_Manager::AddProcessFrameAsync(std::shared_ptr<vdBRAW_Request> request) {
-    if (!request)
-        return 1;
-    const bool read = request->m_isEnabled && request->m_errorCode == brErrorNone;
-    request->m_isProcessing = read;
-    request->m_isSubmitted = true;
-    reserveQueueSlot();
-    if (!read) {
-        if (!request->m_isEnabled)
-            if (const vdStatus delivered = request->onProcessComplete(); delivered.failed)
-                request->failUnlocked(brErrorDelivery, S_OK, delivered.text());
-        enqueue(std::move(request), __func__);
-        return 0;
-    }
-    brBufferManager::Job job; // given back after the request is queued
-    const Submission submission = submitRead(*request, job);
-    if (submission.result == S_OK) {
-        job.Reset();
-        enqueue(std::move(request), __func__);
-        return 0;
-    }
-    queueWithError(std::move(request), submission);
-    return submission.result;
-}
-
-void vdBRAW_Manager::queueWithError(std::shared_ptr<vdBRAW_Request> request, const Submission& failure) {
-    request->failUnlocked(failure.code, failure.errorResult, failure.message);
-    enqueue(std::move(request), "operator ()");
-}
-
-vdBRAW_Manager::Submission vdBRAW_Manager::submitRead(vdBRAW_Request& request, brBufferManager::Job& job) {
-    constexpr const char* function = "AddProcessFrameAsync";
-    const std::shared_ptr<vdBRAW_Clip> clip = GetClip(request.m_clipId);
-    if (!clip)
-        return {E_FAIL, S_OK, "Impossible to Get Clip ..!", brErrorSubmission};
-    vdStatus status;
-    bool corrupted = false;
-    {
-        vdLock lock(clip->m_bmClipMutex, "brClip->m_bmClipMutex", function);
-        if (!clip->m_bmClip || !clip->m_bmClipEx)
-            return {E_FAIL, S_OK,
-                    std::string("AddProcessFrameAsync - ") +
-                        (request.m_bufferManager->m_isGPU ? "GPU" : "CPU") + " bmClip is nullptr",
-                    brErrorSubmission};
-        status = request.m_bufferManager->createReadJob(clip->m_bmClipEx.Get(), request.m_frameIndex, job,
-                                                        corrupted);
-    }
-    if (status.failed) {
-        VD_LOG_AS(vdLogLevel::error, function,
-                  request.identity() << "Impossible to create Read Job : " << status.text());
-        return {E_FAIL, S_OK, std::string(status.text()),
-                corrupted ? brErrorCorruptedFrame : brErrorSubmission};
-    }
-    HRESULT hr = job->SetUserData(&request);
-    if (FAILED(hr))
-        return {hr, hr, "Failed SetUserData on Read Job", brErrorSubmission};
-    VD_LOG_AS(vdLogLevel::info, function, request.identity() << "Submitting Job");
-    request.m_jobTimer.start();
-    hr = job->Submit();
-    if (FAILED(hr))
-        return {hr, S_OK, "Failed to Submit Read Job", brErrorSubmission};
-    return {};
-}
-
-void vdBRAW_Manager::reserveQueueSlot() {
-    vdLock lock(m_queueMutex, "QueueMutex");
-    m_queue.reserve(m_queue.size() + ++m_reservedSlots);
-}
-
-void vdBRAW_Manager::enqueue(std::shared_ptr<vdBRAW_Request> request, const char* function) {
-    vdLock lock(m_queueMutex, "QueueMutex", function);
-    --m_reservedSlots;
-    m_queue.push_back(std::move(request));
-}
-
-int vdBRAW_Manager::FindInQueue(const std::shared_ptr<vdBRAW_Request>& request,
-                                std::shared_ptr<vdBRAW_Request>& requestOut, bool& stillProcessingOut) {
-    stillProcessingOut = false;
-    requestOut.reset();
-    vdLock lock(m_queueMutex, "QueueMutex");
-    int unread = 0;
-    int undecoded = 0;
-    int unfinished = 0;
-    auto found = m_queue.end();
-    for (auto entry = m_queue.begin(); entry != m_queue.end() && found == m_queue.end(); ++entry) {
-        vdBRAW_Request& queued = **entry;
-        if (!queued.m_readDone)
-            ++unread;
-        else if (!queued.m_processDone)
-            ++undecoded;
-        else if (!queued.m_isFinished)
-            ++unfinished;
-        vdLock requestLock(queued.m_mutex, "request->m_mutex");
-        if (*entry == request) {
-            found = entry;
-            stillProcessingOut =
-                !queued.m_isFinished && queued.m_isEnabled && queued.m_errorCode == brErrorNone;
-            requestOut = *entry;
-        }
-    }
-    const bool isFound = found != m_queue.end();
-    VD_LOG_INFO(request->identity() << "RC " << unread << ", DPC " << undecoded << ", IPC " << unfinished
-                                    << ", sz " << m_queue.size() << " Found: " << isFound
-                                    << " foundButStillProcessing: " << stillProcessingOut);
-    if (isFound && !stillProcessingOut) {
-        const size_t before = m_queue.size();
-        m_queue.erase(found);
-        VD_LOG_INFO(request->identity() << "Removed Queue, sizes " << before << "," << m_queue.size());
-    }
-    return 0;
-}
-
-int vdBRAW_Manager::FlushQueue() {
-    if (!m_codec)
-        return 1;
-    m_codec->FlushJobs();
-    vdLock lock(m_queueMutex, "QueueMutex");
-    const size_t before = m_queue.size();
-    for (size_t index = before; index-- > 0;)
-        if (finishedOrCancelled(*m_queue[index]))
-            m_queue.erase(m_queue.begin() + static_cast<std::ptrdiff_t>(index));
-    VD_LOG_INFO("Flushing Queue - size before/after :" << before << "/" << m_queue.size());
-    return 0;
-}
-
-bool vdBRAW_Manager::finishedOrCancelled(vdBRAW_Request& request) {
-    vdLock lock(request.m_mutex, "request->m_mutex", "FlushQueue");
-    if (!request.m_isFinished) {
-        VD_LOG_AS(vdLogLevel::error, "FlushQueue",
-                  request.identity() << "Request not finished after FlushJobs!");
-        request.m_isCancelled = true;
-    }
-    return request.m_isFinished;
-}
-
-int vdBRAW_Manager::ProcessFrameSync(std::shared_ptr<vdBRAW_Request> request) {
-    if (!m_codec || request->m_errorCode != brErrorNone)
-        return 1;
-    AddProcessFrameAsync(request); // what it could not submit is queued with its error
-    const HRESULT hr = m_codec->FlushJobs();
-    if (FAILED(hr)) {
-        VD_LOG_ERROR(request->identity() << "Impossible to Flush Jobs ! " << hresultText(hr));
-        return 1;
-    }
-    std::shared_ptr<vdBRAW_Request> found;
-    bool stillProcessing = false;
-    FindInQueue(request, found, stillProcessing);
-    if (found != request)
-        VD_LOG_ERROR("In Request is not the same than out_request ! Impossible in Sync Mode");
-    if (stillProcessing)
-        VD_LOG_ERROR(request->identity() << "The Request is still processing after Jobs Flushed ..");
-    return found ? 0 : 1;
 }

@@ -2,18 +2,18 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include <wrl/client.h>
 
 #include "BlackmagicRawAPI.h"
-#include "Callback.h"
 #include "Clip.h"
+#include "CodecSession.h"
 #include "Instance.h"
 #include "Request.h"
 #include "Utils/vdMutex.h"
@@ -28,7 +28,8 @@ class vdBRAW_Manager {
 public:
     /// Not initialised: m_errorInfo says so until init succeeds.
     vdBRAW_Manager();
-    /// Releases everything, the instance and with it the decoder library last.
+    /// Releases everything: the requests' buffers, the instance and with it the decoder library, the callback
+    /// last. What a job may still use when no flush helps stays for good, with a line in the log.
     ~vdBRAW_Manager();
     vdBRAW_Manager(const vdBRAW_Manager&) = delete;
     vdBRAW_Manager& operator=(const vdBRAW_Manager&) = delete;
@@ -36,15 +37,16 @@ public:
     /// Brings the codec up. Works once per manager. What went wrong is in m_errorInfo, for the user's eyes.
     int init(std::unique_ptr<Instance> instance);
     /// The same for a pipeline; on a running manager the codec is replaced, and every clip is closed before
-    /// and reloaded after. No request may be outstanding.
+    /// and reloaded after. Requests still running are cancelled; those that were prepared before and are
+    /// submitted after are refused. Not beside other calls on this manager.
     int initFromFramework(BlackmagicRawPipeline pipeline, bool useGPU);
     /// One information line on the codec's configuration.
     void logCodecConfiguration();
     /// Waits for the library's jobs, cancels requests that still have not ended, and gives everything back
-    /// but the instance. 0 always.
+    /// but the queue and the instance. 0 always.
     int Release();
 
-    /// An empty set of buffers for one request on the current pipeline device.
+    /// An empty set of buffers for one request on the current pipeline device, good for the current codec.
     std::unique_ptr<brBufferManager> createBufferManager() const;
 
     // Clips.
@@ -56,8 +58,7 @@ public:
                                    std::shared_ptr<vdBRAW_Clip>& clipOut);
     /// Finds the clip, reloading it when it was closed, or opens it.
     int AddClipIfNew(std::string_view path, uint64_t& idOut);
-    /// Opens the clip under the registry's next ID. A clip that cannot be opened leaves the registry as it
-    /// was.
+    /// Opens the clip under the registry's next ID. One that cannot be opened is not registered.
     int AddClip(std::string_view path, uint64_t& idOut);
     /// The geometry that clips are opened with, by the two flags below.
     HRESULT createGeometryForClip(Microsoft::WRL::ComPtr<IBlackmagicRawClipGeometry>& geometryOut);
@@ -67,13 +68,13 @@ public:
     // Requests.
 
     /// Submits the request's read job and queues the request, also when submission fails: it is then a
-    /// finished request that carries the error.
+    /// finished request that carries the error. What runs out of memory before submission throws, and neither
+    /// submits nor queues.
     int AddProcessFrameAsync(std::shared_ptr<vdBRAW_Request> request);
     /// Finds the very object in the queue, and removes it when it no longer runs. 0 always.
     int FindInQueue(const std::shared_ptr<vdBRAW_Request>& request,
                     std::shared_ptr<vdBRAW_Request>& requestOut, bool& stillProcessingOut);
-    /// Makes the library finish its jobs, removes finished requests and cancels the others. 1 without a
-    /// codec.
+    /// Makes the library finish its jobs, removes finished requests, cancels the others. 1 without codec.
     int FlushQueue();
     /// Runs the request to its end on the caller's thread. 0 when it went through the queue; how it ended is
     /// in the request itself.
@@ -99,26 +100,55 @@ private:
     int failInit(std::string_view errorInfo, const char* function, std::string_view logLine);
     int failInit(std::string_view errorInfo, HRESULT hr);
     void rebindDevice();
-    std::vector<uint64_t> closeForReinitialisation();
+    std::vector<std::shared_ptr<vdBRAW_Clip>> closeForReinitialisation();
     int createCodec();
     bool usesGPU() const;
     HRESULT bindDevice();
     void queryGPUDecoder();
     int installCallback();
+    /// What the last flush left of the library's work.
+    enum class Rest {
+        complete,   ///< it has finished, and its threads with it
+        ofJobs,     ///< no job is in flight, but its threads may still run the library's code
+        incomplete, ///< a job is still running
+    };
+    Rest bringToRest(const char* function);
+    void letGoOfCodec(Rest rest, const char* function);
     void releaseCodec();
+    void abandonCodec(const char* function);
+    void settleSession();
+    void releaseClips();
 
+    std::vector<std::shared_ptr<vdBRAW_Clip>> allClips();
     size_t openedClipCount() const;
 
-    Submission submitRead(vdBRAW_Request& request, brBufferManager::Job& job);
-    /// Makes sure that queueing cannot fail for lack of memory once a job is in flight.
-    void reserveQueueSlot();
-    /// Ends the request with what its submission failed at, and queues it like any other.
-    void queueWithError(std::shared_ptr<vdBRAW_Request> request, const Submission& failure);
-    void enqueue(std::shared_ptr<vdBRAW_Request> request, const char* function);
-    /// True when the request has ended; one that has not is cancelled.
-    static bool finishedOrCancelled(vdBRAW_Request& request);
+    /// Room in the queue for one request, had before its job is submitted: what could not be queued then
+    /// could not be called back. Given back when it was not used.
+    class QueueSlot {
+    public:
+        QueueSlot(vdBRAW_Manager& manager, const char* function); ///< may throw; no room is taken then
+        ~QueueSlot();
+        QueueSlot(const QueueSlot&) = delete;
+        QueueSlot& operator=(const QueueSlot&) = delete;
+        void fill(std::shared_ptr<vdBRAW_Request> request, const char* function) noexcept;
 
-    std::unordered_map<uint64_t, std::shared_ptr<vdBRAW_Clip>> m_clips;
+    private:
+        vdBRAW_Manager& m_manager;
+        const char* m_function;
+        bool m_isFilled = false;
+    };
+
+    bool isOfThisCodec(const brBufferManager& buffers) const;
+    Submission submitRead(vdBRAW_Request& request, brBufferManager::Job& job);
+    /// Ends the request with what its submission failed at, and queues it like any other.
+    static void queueWithError(QueueSlot& slot, std::shared_ptr<vdBRAW_Request> request,
+                               const Submission& failure);
+    /// Cancels the queue's requests that have not ended.
+    void cancelQueue(const char* function);
+    /// True when the request has ended; one that has not is cancelled.
+    static bool finishedOrCancelled(vdBRAW_Request& request, const char* function);
+
+    std::map<uint64_t, std::shared_ptr<vdBRAW_Clip>> m_clips; ///< its order is that of the IDs
     std::mutex m_clipsMutex;
     std::vector<std::shared_ptr<vdBRAW_Request>> m_queue;
     size_t m_reservedSlots = 0; ///< of requests on their way into m_queue, which guards this too
@@ -126,7 +156,8 @@ private:
     Microsoft::WRL::ComPtr<IBlackmagicRaw> m_codec;
     Microsoft::WRL::ComPtr<IBlackmagicRawConfiguration> m_configuration;
     Microsoft::WRL::ComPtr<IBlackmagicRawConfigurationEx> m_configurationEx;
-    std::unique_ptr<vdBRAW_Manager_Callback> m_callback;
+    std::shared_ptr<brCodecSession> m_session; ///< with the callback; stays when the codec has gone
+    bool m_keepsInstance = false;              ///< something of it may still be in use when this ends
 };
 
 /// The process's one manager; null when there is none. The shell handler sets it, under its own lock.

@@ -118,7 +118,12 @@ uint32_t pixelFormatBytes(brPixelFormat format) {
 
 vdBRAW_Request::vdBRAW_Request() : m_requestId(g_nextRequestId++) {}
 
-vdBRAW_Request::~vdBRAW_Request() = default;
+vdBRAW_Request::~vdBRAW_Request() {
+    // The buffers keep the library loaded, so all else that is the library's goes before them.
+    m_clipProcessingAttributes.Reset();
+    m_clipInUse.Reset();
+    m_bufferManager.reset();
+}
 
 int vdBRAW_Request::onFrameRead(IBlackmagicRawFrame*) {
     return 0;
@@ -151,6 +156,13 @@ void vdBRAW_Request::notifyListener() noexcept {
     } catch (...) {
         VD_LOG_ERROR(identity() << "The listener failed");
     }
+}
+
+void vdBRAW_Request::giveBackClip() noexcept {
+    Microsoft::WRL::ComPtr<IBlackmagicRawClipEx> clip; // goes after the lock
+    vdLock lock(m_mutex, "request->m_mutex");
+    if (!m_keptByJob)
+        clip.Swap(m_clipInUse);
 }
 
 vdStatus vdBRAW_Request::onProcessComplete() {
@@ -267,10 +279,14 @@ bool vdBRAW_Request::canDeliverDirectly(const void* finalBuffer) const {
 }
 
 void vdBRAW_Request::cloneProcessingAttributes(const vdBRAW_Clip& clip) {
+    Microsoft::WRL::ComPtr<IBlackmagicRawClip> bmClip; // another thread may close the clip meanwhile
+    {
+        vdLock lock(clip.m_bmClipMutex, "m_bmClipMutex");
+        bmClip = clip.m_bmClip;
+    }
     HRESULT hr = E_UNEXPECTED;
-    if (clip.m_bmClip)
-        hr =
-            clip.m_bmClip->CloneClipProcessingAttributes(m_clipProcessingAttributes.ReleaseAndGetAddressOf());
+    if (bmClip)
+        hr = bmClip->CloneClipProcessingAttributes(m_clipProcessingAttributes.ReleaseAndGetAddressOf());
     if (FAILED(hr) || !m_clipProcessingAttributes) {
         m_clipProcessingAttributes.Reset();
         failUnlocked(brErrorProcessingAttributes, hr, "Impossible to Clone Processing Attributes - ");

@@ -71,14 +71,15 @@ enum brRequestError : uint32_t {
     brErrorDelivery = 12,
 };
 
-/// Held by shared ownership among its creator, the manager's queue and nobody else: decoder jobs carry a
-/// plain pointer, and the queue keeps the request alive while they run. Set up on the creator's thread; after
-/// submission every change happens under m_mutex, on the decoder library's threads. A finished request is
-/// never restarted.
-class vdBRAW_Request {
+/// Held by shared ownership among its creator, the manager's queue and, while a job is in flight, itself:
+/// decoder jobs carry a plain pointer, and a poller may drop a request that has ended at any moment. Set up
+/// on the creator's thread; after submission every change happens under m_mutex, on the decoder library's
+/// threads. A finished request is never restarted.
+class vdBRAW_Request : public std::enable_shared_from_this<vdBRAW_Request> {
 public:
     vdBRAW_Request();
-    /// Releases the buffers and attributes; the final image buffer is not touched.
+    /// Releases the attributes, the clip and the buffers; the final image buffer is not touched. Runs on any
+    /// thread that drops the last reference, a completion's too.
     virtual ~vdBRAW_Request();
     vdBRAW_Request(const vdBRAW_Request&) = delete;
     vdBRAW_Request& operator=(const vdBRAW_Request&) = delete;
@@ -113,8 +114,8 @@ public:
     /// the final one, it will write into `finalBuffer` itself.
     vdStatus setup(uint64_t clipId, uint64_t frameCount, void* finalBuffer, int32_t rowBytes,
                    brPixelFormat pixelFormat, std::unique_ptr<brBufferManager> bufferManager);
-    /// Clones the clip's processing attributes and applies the request's own settings to them. A failure ends
-    /// the request.
+    /// Clones the clip's processing attributes and applies the request's own settings to them. The request
+    /// ends when that fails.
     void cloneProcessingAttributes(const vdBRAW_Clip& clip);
 
     /// HandleError where nobody holds m_mutex: before the request is submitted, or when it could not be.
@@ -134,12 +135,16 @@ public:
 
     /// Calls m_listener when one is set; m_mutex must not be held.
     void notifyListener() noexcept;
+    /// Gives up what an ended request's jobs used of its clip; nothing while one may still be running. Called
+    /// without m_mutex, and never from a completion: the clip may close here.
+    void giveBackClip() noexcept;
 
     brRequestIdentity identity() const { return {m_queueId, m_requestId, m_clipId, m_frameIndex}; }
 
     uint64_t m_tag = fourCharacterCode("requ");
     vdMutex m_mutex;
-    bool m_isProcessing = false; ///< a job is in flight
+    bool m_isProcessing = false;                 ///< a job is in flight
+    std::shared_ptr<vdBRAW_Request> m_keptByJob; ///< this, from a job's submission to its completion
     bool m_isSubmitted = false;
     bool m_readDone = false;
     bool m_processDone = false;
@@ -153,6 +158,7 @@ public:
     bool m_isEnabled = true;
     uint64_t m_requestId;
     uint64_t m_clipId = brNoClipId;
+    Microsoft::WRL::ComPtr<IBlackmagicRawClipEx> m_clipInUse; ///< by its jobs, whoever closes the clip
     uint64_t m_frameIndex = 0;
     uint64_t m_frameCount = 0;
     uint32_t m_pxlConvAlgo = 0;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string_view>
 
 #include <wrl/client.h>
@@ -9,6 +10,8 @@
 #include "BlackmagicRawAPI.h"
 #include "RequestIdentity.h"
 #include "Utils/vdStatus.h"
+
+class brCodecSession;
 
 /// One decoder resource. Capacity is what is really held: 0 whenever there is no resource.
 struct brBuffer {
@@ -56,6 +59,7 @@ public:
     /// What the process job says it wrote. The buffer's capacity follows it downwards only.
     void setProcessedImageSize(uint32_t sizeBytes);
 
+    std::shared_ptr<brCodecSession> m_session; ///< what the buffers need to the end; so it goes last
     brRequestIdentity m_identity;
     Microsoft::WRL::ComPtr<IBlackmagicRawResourceManager> m_resourceManager;
     IBlackmagicRawManualDecoderFlow1* m_manualDecoderCPU; ///< not owned

@@ -80,10 +80,9 @@ HRESULT generateThumbnailImageBuffer(const std::string& filepath, uint32_t size,
     const std::shared_ptr<vdBRAW_Clip> clip = g_manager->GetClip(clipId);
     if (clip == nullptr)
         return E_UNEXPECTED;
-    const ClipCloser closer(clip);
-
     g_progress.stage = L"decoding the first frame";
     const auto request = std::make_shared<vdBRAW_Request_Thumbnail>();
+    const ClipCloser closer(clip); // the clip is closed before the request goes
     if (!render(request, *clip, size)) {
         VD_LOG_ERROR("Something went wrong !! Returning Error");
         return E_FAIL;

@@ -22,8 +22,7 @@ public:
     ~vdBRAW_Request_Thumbnail() override;
 
     vdStatus onProcessComplete() override;
-    /// Sees to it that the processed image is in the bitmap, where on a CPU the decoder itself has written
-    /// it.
+    /// Sees to it that the processed image is in the bitmap. On a CPU the decoder itself has written it.
     vdStatus LaunchHeavyProcessing() override;
     vdStatus HeavyProcessing() override { return {}; }
     void onFinished() override {}

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -18,21 +19,31 @@
 
 using Kind = ReferenceDecoderFaultKind;
 
-/// A request that counts how often it ends, and on which way.
+/// A request that counts how often it ends, and on which way. Its listener must be called without its lock.
 class TestRequest : public vdBRAW_Request {
 public:
     TestRequest() {
-        m_listener = [this](vdBRAW_Request&) { ++told; };
+        m_listener = [this](vdBRAW_Request&) {
+            ++told;
+            bool isFree = false;
+            std::thread([&] { // its lock does not keep the thread out that holds it
+                isFree = m_mutex.try_lock();
+                if (isFree)
+                    m_mutex.unlock();
+            }).join();
+            EXPECT_TRUE(isFree) << "told with the lock held";
+        };
     }
     vdStatus onProcessComplete() override {
         ++delivered;
-        return LaunchHeavyProcessing();
+        return delivery.failed ? delivery : LaunchHeavyProcessing();
     }
     void onFinished() override { ++failed; }
 
     int delivered = 0;
     int failed = 0;
     int told = 0;
+    vdStatus delivery;           ///< a failure is what it delivers
     std::vector<uint8_t> pixels; ///< the final image, where the fixture made it
 };
 

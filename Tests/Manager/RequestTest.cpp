@@ -1,6 +1,12 @@
 // What a request is set up as, and what it delivers on the CPU and on a GPU.
 #include "DecodeCoreFixture.h"
 
+#include <cmath>
+#include <cstring>
+#include <span>
+#include <string_view>
+#include <tuple>
+
 #include "Utils/vdResult.h"
 
 namespace {
@@ -33,6 +39,11 @@ TEST_F(RequestTest, SmallestResolutionThatCoversTheAskedSize) {
     }
     EXPECT_EQ(request.setScaleAndDimensions(*clip, {0, 96, 0}, {0, 64, 9}, {0, 0, 0, 9}).text(),
               "setScaleAndDimensions - downscale num is 0 !");
+    // A scale that is given counts, whatever sizes stand beside it; and the smaller of the two is kept.
+    for (const auto& [x, y, width] : {std::tuple(4.0f, 4.0f, 24u), {4.0f, 2.0f, 48u}, {3.9f, 9.0f, 48u}}) {
+        request.setScaleAndDimensions(*clip, {x, 96, 96}, {y, 0, 0}, {0, 0, 96, 64});
+        EXPECT_EQ(request.m_width, width) << x << ", " << y;
+    }
 }
 
 TEST_F(RequestTest, FormatsWithoutAConversionAreRefused) {
@@ -78,18 +89,74 @@ TEST_F(RequestTest, DecoderWritesIntoTheFinalBufferOnlyWhereTheLayoutIsItsOwn) {
     EXPECT_TRUE(goesThroughOurs(96 * 4)) << "more than the clip has";
 }
 
-TEST_F(RequestTest, EqualityIgnoresOnlyTheJokerQueue) {
-    TestRequest a;
-    TestRequest b;
-    EXPECT_TRUE(a.isSameRequest(b));
-    b.m_queueId = 3;
-    EXPECT_FALSE(a.isSameRequest(b));
-    a.m_queueId = brAnyQueueId;
-    EXPECT_TRUE(a.isSameRequest(b) && b.isSameRequest(a));
-    b.m_frameSettings.exposure = 0.5f;
-    EXPECT_TRUE(a.isSameRequest(b)) << "settings count where they are used";
-    a.m_hasCustomSettings = b.m_hasCustomSettings = true;
-    EXPECT_FALSE(a.isSameRequest(b));
+TEST_F(RequestTest, EqualityFieldByField) {
+    using Change = void (*)(TestRequest&);
+    struct Field {
+        const char* name;
+        Change change;
+    };
+    const auto same = [](const TestRequest& a, const TestRequest& b) {
+        EXPECT_EQ(a.isSameRequest(b), b.isSameRequest(a));
+        return a.isSameRequest(b);
+    };
+    constexpr Field always[] = {
+        {"clip", [](TestRequest& r) { r.m_clipId = 1; }},
+        {"frame", [](TestRequest& r) { r.m_frameIndex = 1; }},
+        {"queue", [](TestRequest& r) { r.m_queueId = 3; }},
+        {"scale", [](TestRequest& r) { r.m_resolutionScale = blackmagicRawResolutionScaleHalf; }},
+        {"format", [](TestRequest& r) { r.m_pixelFormat = brPixelFormat::BGRA_8_LOW; }},
+        {"submitted", [](TestRequest& r) { r.m_isSubmitted = true; }},
+        {"custom", [](TestRequest& r) { r.m_hasCustomSettings = true; }}};
+    constexpr Field withSettings[] = {
+        {"color science", [](TestRequest& r) { r.m_clipSettings.colorScience = 5; }},
+        {"gamut's last letter", [](TestRequest& r) { r.m_clipSettings.gamut[63] = 'x'; }},
+        {"gamut compression", [](TestRequest& r) { r.m_clipSettings.gamutCompression = true; }},
+        {"gamma", [](TestRequest& r) { r.m_clipSettings.gamma[0] = 'x'; }},
+        {"recovery", [](TestRequest& r) { r.m_clipSettings.highlightRecovery = true; }},
+        {"LUT's last letter", [](TestRequest& r) { r.m_clipSettings.lutMode[11] = 'x'; }},
+        {"ISO", [](TestRequest& r) { r.m_frameSettings.iso = 801; }},
+        {"temperature", [](TestRequest& r) { r.m_frameSettings.colorTemp = 5501; }},
+        {"tint", [](TestRequest& r) { r.m_frameSettings.tint = 11; }},
+        {"exposure", [](TestRequest& r) { r.m_frameSettings.exposure = 0.5f; }}};
+    constexpr Field withCustomGamma[] = {
+        {"saturation", [](TestRequest& r) { r.m_clipSettings.saturation = 2; }},
+        {"contrast", [](TestRequest& r) { r.m_clipSettings.contrast = 2; }},
+        {"midpoint", [](TestRequest& r) { r.m_clipSettings.midpoint = 2; }},
+        {"highlights", [](TestRequest& r) { r.m_clipSettings.highlights = 2; }},
+        {"shadows", [](TestRequest& r) { r.m_clipSettings.shadows = 2; }},
+        {"white", [](TestRequest& r) { r.m_clipSettings.whiteLevel = 2; }},
+        {"black", [](TestRequest& r) { r.m_clipSettings.blackLevel = 2; }},
+        {"not a number", [](TestRequest& r) { r.m_clipSettings.blackLevel = NAN; }},
+        {"video black", [](TestRequest& r) { r.m_clipSettings.videoBlackLevel = true; }}};
+    constexpr Field never[] = {{"host number", [](TestRequest& r) { r.m_frameSettings.hostNumber = 1; }},
+                               {"host value", [](TestRequest& r) { r.m_frameSettings.hostValue = 1; }},
+                               {"frames", [](TestRequest& r) { r.m_frameCount = 1; }},
+                               {"joker", [](TestRequest& r) { r.m_queueId = brAnyQueueId; }}};
+    constexpr Change settings[] = {[](TestRequest&) {}, [](TestRequest& r) { r.m_hasCustomSettings = true; },
+                                   [](TestRequest& r) {
+                                       r.m_hasCustomSettings = true;
+                                       std::memset(r.m_clipSettings.gamut, 'g', 63);
+                                       std::memset(r.m_clipSettings.lutMode, 'l', 11);
+                                       std::strcpy(r.m_clipSettings.gamma, brCustomGamma);
+                                   }};
+    for (size_t level = 0; level < std::size(settings); ++level) {
+        const auto expect = [&](std::span<const Field> fields, bool differ) {
+            for (const auto& [name, change] : fields) {
+                TestRequest a, b;
+                settings[level](a);
+                settings[level](b);
+                EXPECT_TRUE(same(a, b));
+                change(b);
+                const bool isCustomItself = level != 0 && std::string_view(name) == "custom";
+                const bool needsFullTexts = level == 1 && std::string_view(name).ends_with("letter");
+                EXPECT_EQ(same(a, b), !differ || isCustomItself || needsFullTexts) << name << " " << level;
+            }
+        };
+        expect(always, true);
+        expect(withSettings, level >= 1);
+        expect(withCustomGamma, level == 2);
+        expect(never, false);
+    }
 }
 
 TEST_F(RequestTest, CustomSettingsAndLutReachTheDecoder) {

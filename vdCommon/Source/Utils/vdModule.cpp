@@ -65,6 +65,12 @@ std::wstring ownModulePath() {
     }
 }
 
+void pinOwnModule() noexcept {
+    HMODULE module = nullptr;
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                       reinterpret_cast<const wchar_t*>(&pinOwnModule), &module);
+}
+
 HMODULE loadLibraryIsolated(const std::wstring& path) noexcept {
     HMODULE library = nullptr;
     DWORD loadError = ERROR_SUCCESS;

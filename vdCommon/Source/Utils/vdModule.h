@@ -12,6 +12,9 @@ HMODULE ownModule() noexcept;
 /// of the asking behind. May throw std::bad_alloc.
 std::wstring ownModulePath();
 
+/// This module stays loaded until the process ends, whoever frees it.
+void pinOwnModule() noexcept;
+
 /// Loads the library at a full path inside the activation context of this module's own manifest, so that
 /// side-by-side dependencies resolve as this module's do and not as the host's; all others are looked for
 /// beside that library and in the system alone. Asks the user nothing. Null on failure, with the load's own

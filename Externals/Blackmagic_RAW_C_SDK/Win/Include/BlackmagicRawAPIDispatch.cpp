@@ -8,39 +8,60 @@
 
 namespace {
 
-/// Libraries that the decoder library pulls into the process and leaves there.
-constexpr wchar_t avxHelper[] = L"InstructionSetServicesAVX";
-constexpr wchar_t avx2Helper[] = L"InstructionSetServicesAVX2";
+/// A library that the decoder library pulls into the process and leaves there.
+struct HelperLibrary {
+    const wchar_t* name;
+    const char* releasing;
+    bool isOurs; ///< to be freed by us: it was not there when the decoder library was loaded
+};
+HelperLibrary g_helpers[] = {{L"InstructionSetServicesAVX", "Releasing AVX Lib", false},
+                             {L"InstructionSetServicesAVX2", "Releasing AVX2 Lib", false}};
 
 HMODULE g_library = nullptr;
 CreateBlackmagicRawFactoryInstanceFunction g_createFactory = nullptr;
-
-/// Whether the helper libraries are ours to free: they are unless the host had them before our first load.
-bool g_releaseHelpers = false;
+uint32_t g_users = 0;
 bool g_isFirstAttempt = true;
 
-void decideOnHelpers() {
+void logHost() {
+    if (!vdLogs(vdLogLevel::info))
+        return;
     wchar_t host[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, host, MAX_PATH);
     VD_LOG_AS(vdLogLevel::info, "TryLoadBlackmagicRawAPI",
               "Module Filename : " << utf16ToUtf8({host, wcsnlen(host, MAX_PATH)}));
-    g_releaseHelpers = GetModuleHandleW(avxHelper) == nullptr;
-    VD_LOG_AS(vdLogLevel::info, "TryLoadBlackmagicRawAPI",
-              "Should release Other Dlls : " << g_releaseHelpers);
 }
 
-void releaseHelper(const wchar_t* name, const char* logLine) {
-    if (HMODULE helper = GetModuleHandleW(name)) {
-        VD_LOG_AS(vdLogLevel::info, "ReleaseBlackmagicRawAPI", logLine);
-        FreeLibrary(helper);
-    }
+/// Judged at each load: the host may have come to use them in between. With the first it has brought both.
+void judgeHelpers() {
+    bool isOurs = true;
+    for (HelperLibrary& helper : g_helpers)
+        isOurs = helper.isOurs = isOurs && GetModuleHandleW(helper.name) == nullptr;
+    VD_LOG_AS(vdLogLevel::info, "TryLoadBlackmagicRawAPI",
+              "Should release Other Dlls : " << g_helpers[0].isOurs);
+}
+
+void releaseHelpers() {
+    for (const HelperLibrary& helper : g_helpers)
+        if (HMODULE module = helper.isOurs ? GetModuleHandleW(helper.name) : nullptr) {
+            VD_LOG_AS(vdLogLevel::info, "ReleaseBlackmagicRawAPI", helper.releasing);
+            FreeLibrary(module);
+        }
+}
+
+/// Somebody else's hold on the library keeps it, and what it needs, in the process.
+bool isLoaded(CreateBlackmagicRawFactoryInstanceFunction entry) {
+    HMODULE module = nullptr;
+    return GetModuleHandleExW(
+               GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+               reinterpret_cast<const wchar_t*>(reinterpret_cast<void*>(entry)), &module) != FALSE;
 }
 
 } // namespace
 
 void TryLoadBlackmagicRawAPI(const std::wstring& folder) {
     if (std::exchange(g_isFirstAttempt, false))
-        decideOnHelpers();
+        logHost();
+    judgeHelpers();
     g_library = loadLibraryIsolated(folder + BlackmagicRawAPIFileName);
     if (!g_library) {
         VD_LOG_INFO("Manualyy Loaded DLL Failed !");
@@ -62,15 +83,22 @@ IBlackmagicRawFactory* CreateBlackmagicRawFactory() noexcept {
     return g_createFactory ? g_createFactory() : nullptr;
 }
 
+bool HoldBlackmagicRawAPI() noexcept {
+    if (!g_library)
+        return false;
+    ++g_users;
+    return true;
+}
+
 void ReleaseBlackmagicRawAPI() noexcept {
     if (!g_library) {
         VD_LOG_INFO("No need to release BMD Lib, it is null");
         return;
     }
-    g_createFactory = nullptr;
+    if (g_users > 0 && --g_users > 0)
+        return;
+    const auto entry = std::exchange(g_createFactory, nullptr);
     FreeLibrary(std::exchange(g_library, nullptr));
-    if (g_releaseHelpers) {
-        releaseHelper(avxHelper, "Releasing AVX Lib");
-        releaseHelper(avx2Helper, "Releasing AVX2 Lib");
-    }
+    if (!isLoaded(entry))
+        releaseHelpers();
 }

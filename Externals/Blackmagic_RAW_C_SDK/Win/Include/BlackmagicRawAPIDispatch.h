@@ -1,7 +1,6 @@
 // Loads the decoder library and finds its entry point.
 //
-// The state is one per process. TryLoadBlackmagicRawAPI and CreateBlackmagicRawFactoryInstance run under the
-// loader lock of the instance layer; ReleaseBlackmagicRawAPI must not overlap them.
+// The state is one per process; all of this runs under the loader lock of the instance layer.
 #pragma once
 
 #include <string>
@@ -21,6 +20,9 @@ bool IsBlackmagicRawAPILoaded() noexcept;
 /// library is not loaded.
 IBlackmagicRawFactory* CreateBlackmagicRawFactory() noexcept;
 
-/// Unloads the library and, when it was the one that brought them into the process, its instruction-set helper
-/// libraries.
+/// Counts a user of the loaded library; false when none is loaded.
+bool HoldBlackmagicRawAPI() noexcept;
+
+/// Ends one use of the library. With the last, the library is unloaded, and so are its instruction-set helper
+/// libraries when it was the one that brought them into the process.
 void ReleaseBlackmagicRawAPI() noexcept;

@@ -74,10 +74,6 @@ void plan(MSIHANDLE setup, const wchar_t* action, const Plan& plan) {
     MsiSetPropertyW(setup, action, data.c_str());
 }
 
-Scope scopeOf(MSIHANDLE setup) {
-    return property(setup, L"ALLUSERS").empty() ? Scope::user : Scope::machine;
-}
-
 constexpr wchar_t machineText[] = L"machine";
 
 Scope scopeNamed(const std::wstring& text) {
@@ -91,6 +87,14 @@ std::wstring installedFolder(MSIHANDLE setup) {
     const INSTALLSTATE state = MsiGetComponentPathW(
         property(setup, L"ProductCode").c_str(), property(setup, L"HANDLERCOMPONENT").c_str(), path, &length);
     return state == INSTALLSTATE_LOCAL ? folderOf(path) : std::wstring();
+}
+
+/// Whom it is installed for, once it is; else whom the user wants it for.
+Scope scopeOf(MSIHANDLE setup) {
+    const std::wstring installed = installedFolder(setup);
+    if (!installed.empty() && installed == registeredFolder(Scope::user))
+        return Scope::user;
+    return property(setup, L"ALLUSERS").empty() ? Scope::user : Scope::machine;
 }
 
 /// The folder that `folder` lies in.
@@ -219,8 +223,8 @@ __declspec(dllexport) UINT WINAPI DropDecoder(MSIHANDLE setup) {
     return guardAction([setup] {
         const std::wstring folder = planOf(setup, 1)[0];
         DeleteFileW(decoderIn(folder).c_str());
-        if (RemoveDirectoryW(folder.c_str()))
-            RemoveDirectoryW(parentOf(folder).c_str());
+        RemoveDirectoryW(folder.c_str());
+        RemoveDirectoryW(parentOf(folder).c_str());
         return S_OK;
     });
 }

@@ -2,14 +2,16 @@
 // test knows.
 #pragma once
 
+#include <string>
+
 #include <windows.h>
 
 class StandInRegistry {
 public:
     StandInRegistry() {
         for (Hive& hive : m_hives)
-            RegCreateKeyExW(HKEY_CURRENT_USER, hive.name, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS,
-                            nullptr, &hive.key, nullptr);
+            RegCreateKeyExW(HKEY_CURRENT_USER, hive.name.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
+                            KEY_ALL_ACCESS, nullptr, &hive.key, nullptr);
         for (const Hive& hive : m_hives)
             RegOverridePredefKey(hive.root, hive.key);
     }
@@ -18,7 +20,7 @@ public:
             RegOverridePredefKey(hive.root, nullptr);
         for (const Hive& hive : m_hives) {
             RegCloseKey(hive.key);
-            RegDeleteTreeW(HKEY_CURRENT_USER, hive.name);
+            RegDeleteTreeW(HKEY_CURRENT_USER, hive.name.c_str());
         }
     }
     StandInRegistry(const StandInRegistry&) = delete;
@@ -32,9 +34,11 @@ public:
 private:
     struct Hive {
         HKEY root;
-        const wchar_t* name;
-        HKEY key;
+        std::wstring name; ///< of this process alone: tests run side by side
+        HKEY key = nullptr;
     };
-    Hive m_hives[2] = {{HKEY_LOCAL_MACHINE, L"Software\\ClipforgeTestMachine", nullptr},
-                       {HKEY_CURRENT_USER, L"Software\\ClipforgeTestUser", nullptr}};
+    static std::wstring name(const wchar_t* kind) {
+        return std::wstring(L"Software\\ClipforgeTest") + kind + std::to_wstring(GetCurrentProcessId());
+    }
+    Hive m_hives[2] = {{HKEY_LOCAL_MACHINE, name(L"Machine")}, {HKEY_CURRENT_USER, name(L"User")}};
 };

@@ -16,6 +16,7 @@
 #include "Imports.h"
 #include "ProgramRun.h"
 #include "RegistryRows.h"
+#include "StandInRegistry.h"
 #include "TemporaryFolder.h"
 #include "TestClips.h"
 
@@ -27,29 +28,6 @@ constexpr wchar_t kClass[] = L"Software\\Classes\\CLSID\\" GUARD_CLSID_TEXT;
 constexpr wchar_t kPolicies[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Policies\\Explorer";
 constexpr wchar_t kExtensions[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Shell Extensions\\";
 constexpr wchar_t kOther[] = L"{11111111-2222-3333-4444-555555555555}";
-
-/// This process's view of a registry root is a key of its own as long as the object lives.
-class ScratchRoot {
-public:
-    ScratchRoot(HKEY root, const wchar_t* name)
-        : m_root(root), m_name(std::wstring(L"Software\\ClipforgeTest\\") + name) {
-        RegDeleteTreeW(HKEY_CURRENT_USER, m_name.c_str());
-        EXPECT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_CURRENT_USER, m_name.c_str(), 0, nullptr, 0,
-                                                 KEY_ALL_ACCESS, nullptr, &m_key, nullptr));
-    }
-    ~ScratchRoot() {
-        RegOverridePredefKey(m_root, nullptr);
-        RegCloseKey(m_key);
-        RegDeleteTreeW(HKEY_CURRENT_USER, m_name.c_str());
-    }
-    ScratchRoot(const ScratchRoot&) = delete;
-    ScratchRoot& operator=(const ScratchRoot&) = delete;
-    void enter() { EXPECT_EQ(ERROR_SUCCESS, RegOverridePredefKey(m_root, m_key)); }
-
-private:
-    HKEY m_root, m_key = nullptr;
-    std::wstring m_name;
-};
 
 void setText(HKEY root, const std::wstring& key, const wchar_t* value, const std::wstring& text) {
     EXPECT_EQ(ERROR_SUCCESS, RegSetKeyValueW(root, key.c_str(), value, REG_SZ, text.c_str(),
@@ -72,8 +50,6 @@ protected:
               L"BlackmagicRawAPI.dll", L"Clipforge_Icon.ico"})
             std::filesystem::copy_file(kBinaries / name, m_folder.path() / name);
         writeTestClip(m_folder.path() / L"clip.braw", {640, 512});
-        m_user.enter();
-        m_machine.enter();
         ASSERT_EQ(S_OK, registerHandler(inside(L""), Scope::machine));
     }
     void TearDown() override { CoUninitialize(); }
@@ -99,7 +75,7 @@ protected:
     }
 
     TemporaryFolder m_folder;
-    ScratchRoot m_user{HKEY_CURRENT_USER, L"User"}, m_machine{HKEY_LOCAL_MACHINE, L"Machine"};
+    StandInRegistry m_registry;
     std::wstring m_clip = inside(L"clip.braw");
 };
 
@@ -291,9 +267,22 @@ TEST_F(Doctor, ExplorersMemoryIsEmptiedAtTheEnd) {
     EXPECT_TRUE(diagnosis.isHealthy()) << "it is no fault";
     ASSERT_EQ(1u, diagnosis.findings.size());
     EXPECT_EQ("cache", narrow(diagnosis.findings[0].id));
-    EXPECT_FALSE(diagnosis.findings[0].question.empty()) << "nobody's files go without a question";
+    const std::wstring folder = m_folder.path().wstring();
+    const std::wstring_view unasked[] = {L"--fix", L"--json", L"--folder", folder};
+    runDoctor(unasked);
+    EXPECT_TRUE(std::filesystem::exists(explorer / "thumbcache_9.db")) << "emptied without a question";
     EXPECT_EQ(EXIT_DONE, fix());
     EXPECT_FALSE(std::filesystem::exists(explorer / "thumbcache_9.db"));
+}
+
+TEST_F(Doctor, TheDecoderIsTakenFromItsMakersSoftware) {
+    const EnvironmentVariable programs(L"ProgramFiles", m_folder.path().c_str());
+    const std::filesystem::path makers = m_folder.path() / "Blackmagic Design/DaVinci Resolve";
+    std::filesystem::create_directories(makers);
+    std::filesystem::rename(inside(BlackmagicRawAPIFileName), makers / BlackmagicRawAPIFileName);
+    m_clip.clear();
+    expectFault(L"decoder-missing");
+    EXPECT_EQ(EXIT_DONE, fix());
 }
 
 TEST_F(Doctor, AnInstallationForOneUserIsWell) {

@@ -193,7 +193,7 @@ private:
 } // namespace
 
 std::shared_ptr<ClipLut> ClipLut::create() {
-    constexpr uint32_t bytes = 17 * 17 * 17 * 3 * sizeof(float);
+    constexpr uint32_t bytes = sizeof(float) * 3 * 17 * 17 * 17;
     auto lut = std::make_shared<ClipLut>();
     createResource(bytes, blackmagicRawResourceTypeBufferCPU, &lut->host);
     createResource(bytes, blackmagicRawResourceTypeBufferCUDA, &lut->device);

@@ -95,7 +95,7 @@ HRESULT Codec::OpenClipWithGeometry(BSTR fileName, IBlackmagicRawClipGeometry* g
         clip);
 }
 
-HRESULT Codec::open(BSTR fileName, const Geometry* geometry, IBlackmagicRawClip** clip) {
+HRESULT Codec::open(BSTR fileName, const Geometry* geometry, IBlackmagicRawClip** clip) const {
     if (!fileName || !*fileName)
         return E_INVALIDARG; // a path that could not be converted is no fault of the calling code
     std::shared_ptr<PnmStream> stream;

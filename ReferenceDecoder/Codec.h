@@ -45,7 +45,7 @@ protected:
     void finish() noexcept override;
 
 private:
-    HRESULT open(BSTR fileName, const Geometry* geometry, IBlackmagicRawClip** clip);
+    HRESULT open(BSTR fileName, const Geometry* geometry, IBlackmagicRawClip** clip) const;
 
     CodecState m_state;
     Configuration m_configuration{*this, *this, m_state};

@@ -187,7 +187,7 @@ void JobQueue::startWorker() {
     Worker worker{};
     worker.handle = CreateThread(nullptr, 0, threadEntry, start.get(), 0, &worker.id);
     if (worker.handle) {
-        start.release();
+        static_cast<void>(start.release());
         m_workers.push_back(worker);
     } else if (start->module)
         FreeLibrary(start->module);

@@ -64,7 +64,7 @@ private:
         HANDLE handle;
         DWORD id;
     };
-    static DWORD WINAPI threadEntry(void* start);
+    static DWORD WINAPI threadEntry(void* given);
     HRESULT enqueue(Job& job);
     void startWorker();
     void work();

@@ -58,7 +58,7 @@ void meanOfCells(const typename File::Sum* __restrict sums, size_t cells,
     constexpr uint32_t full = factor * factor;
     for (size_t cell = 0; cell < cells; ++cell) {
         uint32_t red = full / 2, green = full / 2, blue = full / 2;
-        for (unsigned i = 0; i < factor; ++i) {
+        for (size_t i = 0; i < factor; ++i) {
             red += sums[3 * i];
             green += sums[3 * i + 1];
             blue += sums[3 * i + 2];
@@ -78,7 +78,7 @@ void meanOfCell(const typename File::Sum* sums, unsigned columns, unsigned rows,
     const uint32_t pixels = columns * rows;
     for (size_t channel = 0; channel < 3; ++channel) {
         uint32_t sum = pixels / 2;
-        for (unsigned i = 0; i < columns; ++i)
+        for (size_t i = 0; i < columns; ++i)
             sum += sums[3 * i + channel];
         out[channel] = static_cast<typename File::Decoded>(sum / pixels);
     }
@@ -159,7 +159,7 @@ template <class Sample, class Target>
 std::vector<Target> conversionTable(uint32_t maximum) {
     std::vector<Target> table(size_t{std::numeric_limits<Sample>::max()} + 1);
     for (uint32_t value = 0; value < table.size(); ++value)
-        table[value] = value < maximum ? scaled<Target>(value, maximum) : scaled<Target>(maximum, maximum);
+        table[value] = value < maximum ? scaled<Target>(value, maximum) : scaled<Target>(1, 1);
     return table;
 }
 

@@ -93,7 +93,7 @@ bool apply(std::string_view word, ReferenceDecoderControl& control) {
         if (word.starts_with(delay.name)) {
             word.remove_prefix(delay.name.size());
             uint32_t milliseconds = 0;
-            const auto end = word.data() + word.size();
+            const auto* const end = word.data() + word.size();
             const auto parsed = std::from_chars(word.data(), end, milliseconds);
             control.*delay.milliseconds = milliseconds;
             return parsed.ec == std::errc() && parsed.ptr == end;

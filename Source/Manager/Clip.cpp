@@ -127,18 +127,7 @@ vdStatus vdBRAW_Clip::readResolutions(bool sizeKnown) {
         }
         m_resolutions.push_back(entry);
     }
-    agreeOnSides();
     return {};
-}
-
-void vdBRAW_Clip::agreeOnSides() {
-    const auto has = [&](uint32_t width, uint32_t height) {
-        return std::any_of(m_resolutions.begin(), m_resolutions.end(), [&](const brResolution& entry) {
-            return entry.width == width && entry.height == height;
-        });
-    };
-    if (!has(m_width, m_height) && has(m_height, m_width))
-        std::swap(m_width, m_height);
 }
 
 vdStatus vdBRAW_Clip::readResolution(IBlackmagicRawClipResolutions& resolutions, uint32_t index,

@@ -65,9 +65,6 @@ private:
     vdStatus readResolutions(bool sizeKnown);
     static vdStatus readResolution(IBlackmagicRawClipResolutions& resolutions, uint32_t index,
                                    brResolution& entry);
-    /// A library may tell a turned clip's size as it is stored and its resolutions upright, or the other way
-    /// round; the resolutions are what pictures are chosen by.
-    void agreeOnSides();
     vdStatus queryClipEx();
     void releaseLibraryObjects();
 };

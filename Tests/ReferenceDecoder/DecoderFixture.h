@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -88,6 +90,7 @@ public:
     ComPtr<IBlackmagicRawResourceManager> resources;
     IBlackmagicRawManualDecoderFlow1* flow = nullptr;
     std::atomic<long> references{1}; ///< to this as a callback
+    std::set<DWORD> threads;         ///< that completions came on
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
     ULONG STDMETHODCALLTYPE AddRef() override { return static_cast<ULONG>(++references); }
@@ -133,7 +136,13 @@ public:
     void STDMETHODCALLTYPE PreparePipelineComplete(void*, HRESULT) override {}
 
 private:
-    static Request& requestOf(IBlackmagicRawJob* job) {
+    std::mutex m_mutex;
+
+    Request& requestOf(IBlackmagicRawJob* job) {
+        {
+            const std::lock_guard lock(m_mutex);
+            threads.insert(GetCurrentThreadId());
+        }
         void* userData = nullptr;
         ok(job->GetUserData(&userData));
         return *static_cast<Request*>(userData);

@@ -91,9 +91,18 @@ TEST_F(DecodingTest, MannersChangeNothingForWhoKeepsTheContract) {
         if (manners & Manners::submitCompletesFirst) {
             EXPECT_NE(requests[1].result, E_PENDING);
         }
-        ok(decoder.codec->FlushJobs());
+        EXPECT_EQ(decoder.codec->FlushJobs() != S_OK, manners & Manners::otherSuccessCodes);
         for (Request& request : requests)
             EXPECT_EQ(wrongPixels(request, clip, 1, false), 0u);
+        if (manners & Manners::changingThreads) {
+            EXPECT_EQ(decoder.threads.size(), 6u);
+        }
+        ComPtr<IBlackmagicRawClipResolutions> resolutions;
+        uint32_t width = 0, height = 0;
+        ok(opened.As(&resolutions));
+        ok(resolutions->GetResolution(0, &width, &height));
+        EXPECT_EQ(width != clip.width,
+                  manners & (Manners::ascendingResolutions | Manners::shuffledResolutions));
         EXPECT_EQ(requests[0].processed.size(),
                   61u * 37 * 4 + (manners & Manners::buffersNeedMore ? 1000 : 0));
     }

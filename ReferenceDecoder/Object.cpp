@@ -1,5 +1,6 @@
 #include "Object.h"
 
+#include <iterator>
 #include <memory>
 
 #include "Lock.h"

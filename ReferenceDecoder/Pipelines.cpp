@@ -1,5 +1,7 @@
 #include "Pipelines.h"
 
+#include <iterator>
+
 #include "Resources.h"
 
 namespace reference {

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <cstring>
+#include <cwchar>
+#include <iterator>
 #include <memory>
 
 #include <windows.h>

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <mutex>
 #include <shared_mutex>
+#include <span>
 #include <utility>
 
 #include <windows.h>
@@ -66,6 +67,45 @@ FARPROC WINAPI onDelayLoad(unsigned notification, PDelayLoadInfo info) {
     return reinterpret_cast<FARPROC>(getCudaURL(*info));
 }
 
+/// Many readers or one writer. The standard library's own brings the toolchain's thread emulation along,
+/// which enters an exception handler for the whole process.
+class ReaderWriterLock {
+public:
+    void lock() noexcept { AcquireSRWLockExclusive(&m_lock); }
+    void unlock() noexcept { ReleaseSRWLockExclusive(&m_lock); }
+    void lock_shared() noexcept { AcquireSRWLockShared(&m_lock); }
+    void unlock_shared() noexcept { ReleaseSRWLockShared(&m_lock); }
+
+private:
+    SRWLOCK m_lock = SRWLOCK_INIT;
+};
+
+/// Makes a few bytes of our own image writable for a scope. Some linkers lay what the delay-load helper
+/// writes into memory for reading only. Memory that is writable already stays untouched.
+class WritableImage {
+public:
+    template <class T>
+    explicit WritableImage(std::span<T> bytes) noexcept : m_start(bytes.data()), m_size(bytes.size_bytes()) {
+        MEMORY_BASIC_INFORMATION memory = {};
+        constexpr DWORD writable =
+            PAGE_READWRITE | PAGE_WRITECOPY | PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
+        if (VirtualQuery(m_start, &memory, sizeof memory) != 0 && (memory.Protect & writable) == 0)
+            VirtualProtect(m_start, m_size, PAGE_READWRITE, &m_former);
+    }
+    ~WritableImage() {
+        DWORD ours = 0;
+        if (m_former != 0)
+            VirtualProtect(m_start, m_size, m_former, &ours);
+    }
+    WritableImage(const WritableImage&) = delete;
+    WritableImage& operator=(const WritableImage&) = delete;
+
+private:
+    void* m_start;
+    std::size_t m_size;
+    DWORD m_former = 0; ///< 0 when there is nothing to restore
+};
+
 /// The runtime's import slots. Each leads to a thunk of the linker's until the helper puts the function
 /// there; we remember the thunks, to tell which slots are bound and to start over after a failure. Calls hold
 /// `lock` shared, binding holds it alone.
@@ -75,6 +115,8 @@ public:
 
     Outcome bind(FARPROC* slot) noexcept {
         Bind bind{slot, nullptr};
+        const WritableImage writableSlots(std::span(firstSlot(), slotCount));
+        const WritableImage writableHandle(std::span(inImage<HMODULE>(descriptor.rvaHmod), 1));
         // The helper raises a structured exception for a missing library or function.
         const bool completed = runGuarded(
             [](void* argument) {
@@ -102,9 +144,11 @@ public:
 
     bool isBound(const FARPROC* slot) const noexcept { return *slot != m_thunks[indexOf(slot)]; }
 
-    std::shared_mutex lock;
+    ReaderWriterLock lock;
 
 private:
+    static constexpr std::size_t slotCount = 2;
+
     struct Bind {
         FARPROC* slot;
         FARPROC bound;
@@ -113,7 +157,8 @@ private:
     static FARPROC* firstSlot() { return inImage<FARPROC>(descriptor.rvaIAT); }
     static std::size_t indexOf(const FARPROC* slot) { return static_cast<std::size_t>(slot - firstSlot()); }
 
-    /// Forgets a runtime that turned out to be broken, so that the next attempt searches again.
+    /// Forgets a runtime that turned out to be broken, so that the next attempt searches again. The slots are
+    /// writable.
     void startOver() noexcept {
         for (FARPROC* slot = firstSlot(); *slot != nullptr; ++slot)
             *slot = m_thunks[indexOf(slot)];
@@ -122,14 +167,14 @@ private:
             FreeLibrary(std::exchange(module, nullptr));
     }
 
-    static std::array<FARPROC, 2> readThunks() {
-        std::array<FARPROC, 2> thunks = {};
+    static std::array<FARPROC, slotCount> readThunks() {
+        std::array<FARPROC, slotCount> thunks = {};
         for (std::size_t i = 0; i < thunks.size(); ++i)
             thunks[i] = firstSlot()[i];
         return thunks;
     }
 
-    const std::array<FARPROC, 2> m_thunks = readThunks();
+    const std::array<FARPROC, slotCount> m_thunks = readThunks();
 };
 
 Imports& imports() {
@@ -147,7 +192,7 @@ int callRuntime(FARPROC* slot, Call&& call) noexcept {
                 return call();
         }
         // Called under the same lock: another thread's failure may unbind everything in between.
-        const std::unique_lock alone(imports().lock);
+        const std::lock_guard alone(imports().lock);
         if (!imports().isBound(slot) && imports().bind(slot) != Imports::Outcome::bound)
             return cudaRuntimeNotLoaded;
         return call();
@@ -175,7 +220,7 @@ std::string cudaRuntimePath(std::string_view moduleFile) {
 bool loadDelayedLibrary(const char* fileName, std::string& message) noexcept {
     try {
         message.clear();
-        const std::unique_lock alone(imports().lock);
+        const std::lock_guard alone(imports().lock);
         const Imports::Outcome outcome = imports().loadAllImportsForDll(fileName);
         if (outcome == Imports::Outcome::bound)
             return true;

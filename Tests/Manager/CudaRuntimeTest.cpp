@@ -11,6 +11,8 @@
 #include "FreshProcess.h"
 #include "LogSession.h"
 
+extern "C" FARPROC __imp_cudaMemcpy; // NOLINT(bugprone-reserved-identifier)
+
 namespace {
 namespace fs = std::filesystem;
 
@@ -32,6 +34,13 @@ int copyByte() {
     return error == 0 && to != 'x' ? -2 : error;
 }
 
+/// The protection of the memory where the runtime's functions are entered.
+DWORD slotProtection() {
+    MEMORY_BASIC_INFORMATION memory = {};
+    VirtualQuery(&__imp_cudaMemcpy, &memory, sizeof memory);
+    return memory.Protect;
+}
+
 std::wstring loadedFrom() {
     wchar_t name[MAX_PATH] = {};
     GetModuleFileNameW(GetModuleHandleW(L"cudart64_110.dll"), name, MAX_PATH);
@@ -43,6 +52,9 @@ TEST(CudaRuntimeProcess, DISABLED_MissingThenBrokenThenBesideUs) {
     size_t freeBytes = 1;
     size_t totalBytes = 1;
     std::string message;
+    // Some linkers lay the slots into memory for reading only; what follows works there, and leaves it so.
+    DWORD former = 0;
+    ASSERT_TRUE(VirtualProtect(&__imp_cudaMemcpy, sizeof __imp_cudaMemcpy, PAGE_READONLY, &former));
     // No runtime anywhere, twice.
     for (int i = 0; i < 2; ++i) {
         EXPECT_FALSE(loadCudaRuntime(message));
@@ -67,6 +79,7 @@ TEST(CudaRuntimeProcess, DISABLED_MissingThenBrokenThenBesideUs) {
     EXPECT_EQ(loadedFrom(), besideUs.parent_path().filename().wstring());
     EXPECT_EQ(copyByte(), 0);
     EXPECT_TRUE(loadCudaRuntime(message)) << "a second bind of a bound runtime";
+    EXPECT_EQ(slotProtection(), static_cast<DWORD>(PAGE_READONLY));
 }
 
 TEST(CudaRuntimeProcess, DISABLED_OnTheSearchPathWithItsErrors) {

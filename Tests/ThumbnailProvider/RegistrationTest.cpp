@@ -1,4 +1,7 @@
 // What the shell finds in the registry, and what it finds no more.
+#include <cwchar>
+#include <tuple>
+
 #include "HandlerFixture.h"
 
 #include <shlobj.h>

@@ -5,6 +5,7 @@
 #include <locale>
 #include <mutex>
 #include <sstream>
+#include <utility>
 
 #include <windows.h>
 

@@ -8,6 +8,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "Adobe/vdHostApp.h"
 #include "Utils/vdStatus.h"

@@ -6,6 +6,7 @@
 #include <cwchar>
 #include <filesystem>
 #include <optional>
+#include <utility>
 
 #include <fcntl.h>
 #include <io.h>

@@ -1,5 +1,7 @@
 #include "Utils/vdPresets.h"
 
+#include <utility>
+
 #include "Utils/vdLogging.h"
 #include "Utils/vdPaths.h"
 #include "Utils/vdSettings.h"

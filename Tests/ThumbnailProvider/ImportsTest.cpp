@@ -1,0 +1,72 @@
+// What the built libraries take from Windows. All of it becomes part of the shell's process, and the
+// toolchain's runtime can bring along what no host wants there: an exception handler for the whole process,
+// or the means to stop its threads.
+#include <algorithm>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+#include "HandlerFixture.h"
+#include "Imports.h"
+
+namespace {
+/// What may be imported from a library, by names that each end in a blank. Without names: anything.
+struct AllowedImports {
+    std::string_view library;
+    std::string_view functions;
+};
+
+constexpr AllowedImports allowedImports[] = {
+    {"ADVAPI32.dll", "RegCloseKey RegCreateKeyExW RegDeleteTreeW RegSetValueExW "},
+    {"GDI32.dll", "CreateDIBSection DeleteObject "},
+    {"OLEAUT32.dll", "SysAllocStringLen SysFreeString SysStringLen VariantClear VariantInit "},
+    {"SHELL32.dll", "SHChangeNotify "},
+    {"SHLWAPI.dll", "QISearch "},
+    {"cudart64_110.dll", "cudaMemGetInfo cudaMemcpy "},
+    {"msvcrt.dll", {}}, // the toolchain's C library: its own choice
+    // Ours.
+    {"KERNEL32.dll",
+     "AcquireSRWLockExclusive AcquireSRWLockShared ActivateActCtx CloseHandle CreateActCtxW CreateMutexW "
+     "DeactivateActCtx DeleteCriticalSection DisableThreadLibraryCalls EnterCriticalSection FlsAlloc FlsFree "
+     "FlsGetValue FlsSetValue FormatMessageW FreeLibrary GetCurrentProcessorNumber GetCurrentThreadId "
+     "GetDiskFreeSpaceExW GetEnvironmentVariableW GetLastError GetLogicalDriveStringsW GetModuleFileNameW "
+     "GetModuleHandleExW GetModuleHandleW GetProcAddress GetSystemInfo GetTickCount64 GlobalMemoryStatusEx "
+     "InitializeCriticalSection LeaveCriticalSection LoadLibraryExW LoadLibraryW LocalFree "
+     "MultiByteToWideChar "
+     "QueryPerformanceCounter QueryPerformanceFrequency ReleaseActCtx ReleaseMutex ReleaseSRWLockExclusive "
+     "ReleaseSRWLockShared SetLastError SetThreadErrorMode Sleep TryEnterCriticalSection VerSetConditionMask "
+     "VerifyVersionInfoW VirtualProtect VirtualQuery WaitForSingleObject WideCharToMultiByte "},
+    // The toolchain's: exceptions, the simple mutex, code pages, the helper that binds on first use.
+    {"KERNEL32.dll",
+     "CreateEventA FormatMessageA GetSystemTimeAsFileTime IsDBCSLeadByteEx LoadLibraryA LocalAlloc "
+     "RaiseException RtlCaptureContext RtlLookupFunctionEntry RtlUnwindEx RtlVirtualUnwind SetEvent "
+     "TlsGetValue "
+     "WaitForMultipleObjects __C_specific_handler "},
+};
+
+bool isAllowed(std::string_view library, std::string_view function) {
+    const std::string name = std::string(function) + ' ';
+    return std::any_of(std::begin(allowedImports), std::end(allowedImports), [&](const AllowedImports& row) {
+        const size_t place = row.functions.find(name);
+        return row.library == library &&
+               (row.functions.empty() || place == 0 ||
+                (place != std::string_view::npos && row.functions[place - 1] == ' '));
+    });
+}
+
+TEST(ImportsTest, NothingIsImportedThatNobodyDecidedOn) {
+    for (const char* const build : {"bin", "logging"}) {
+        const auto file = productFolder(build) / "Clipforge_Thumbnails.dll";
+        const HMODULE module = LoadLibraryExW(file.c_str(), nullptr, DONT_RESOLVE_DLL_REFERENCES);
+        ASSERT_NE(module, nullptr) << file;
+        size_t count = 0;
+        forEachImport(module, [&](std::string_view library, std::string_view function, void**) {
+            ++count;
+            EXPECT_TRUE(isAllowed(library, function))
+                << function << " of " << library << " is new in " << file << ": wanted? Then enter it above.";
+        });
+        EXPECT_GT(count, 50u);
+        FreeLibrary(module);
+    }
+}
+} // namespace

@@ -68,6 +68,7 @@ CallTimer::~CallTimer() {
 Crossing::Crossing(uint32_t call, Direction direction, bool isRecorded) : m_timer(direction) {
     ReferenceDecoderControl& control = referenceDecoderControl();
     m_occurrence = ++control.callNames[call].occurrences;
+    control.latestCall = call + 1;
     if (isRecorded)
         if (const uint32_t index = control.recordedCount++; index < ReferenceDecoderControl::maximumRecording)
             control.recording[index] = {call, m_occurrence};

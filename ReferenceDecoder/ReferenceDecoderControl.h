@@ -132,6 +132,7 @@ struct ReferenceDecoderControl {
 
     std::atomic<uint32_t> recordedCount; ///< may exceed maximumRecording: calls beyond it aren't kept
     RecordedCall recording[maximumRecording];
+    std::atomic<uint32_t> latestCall; ///< 1 + index into `callNames` of what was entered last on any thread
 
     Fault faults[maximumFaults];
 

@@ -76,6 +76,7 @@ void ReferenceDecoderSession::reset() {
     for (auto& name : m_control.callNames)
         name.occurrences = 0;
     m_control.recordedCount = 0;
+    m_control.latestCall = 0;
     m_control.sentAttributeCount = 0;
     m_control.ruleCount = 0;
     m_control.manners = ReferenceDecoderManners::none;

@@ -14,7 +14,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 # from starting its debugger after a crash, which would then exit with 0.
 find_program(CLIPFORGE_WINE NAMES wine wine64 PATHS /usr/lib/wine)
 if(CLIPFORGE_WINE)
-    set(CMAKE_CROSSCOMPILING_EMULATOR
+    set(CLIPFORGE_WINE_ENVIRONMENT
         env LC_ALL=C.UTF-8 WINEPREFIX=${CMAKE_BINARY_DIR}/wineprefix WINEDEBUG=-all
-        WINEDLLOVERRIDES=mscoree,mshtml,winemenubuilder.exe,winedbg.exe= ${CLIPFORGE_WINE})
+        WINEDLLOVERRIDES=mscoree,mshtml,winemenubuilder.exe,winedbg.exe=)
+    set(CMAKE_CROSSCOMPILING_EMULATOR ${CLIPFORGE_WINE_ENVIRONMENT} ${CLIPFORGE_WINE})
 endif()

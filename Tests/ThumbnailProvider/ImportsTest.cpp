@@ -38,7 +38,8 @@ constexpr AllowedImports allowedImports[] = {
      "VerifyVersionInfoW VirtualProtect VirtualQuery WaitForSingleObject WideCharToMultiByte "},
     // The toolchain's: exceptions, the simple mutex, code pages, the helper that binds on first use.
     {"KERNEL32.dll",
-     "CreateEventA FormatMessageA GetSystemTimeAsFileTime IsDBCSLeadByteEx LoadLibraryA LocalAlloc "
+     "CreateEventA FormatMessageA GetModuleHandleA GetSystemTimeAsFileTime GetTickCount IsDBCSLeadByteEx "
+     "LoadLibraryA LocalAlloc "
      "RaiseException RtlCaptureContext RtlLookupFunctionEntry RtlUnwindEx RtlVirtualUnwind SetEvent "
      "TlsGetValue "
      "WaitForMultipleObjects __C_specific_handler "},

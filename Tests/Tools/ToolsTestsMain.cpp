@@ -9,6 +9,7 @@
 #include "CrashReport.h"
 #include "PictureChild.h"
 #include "Probe.h"
+#include "TestWatch.h"
 
 int wmain(int count, wchar_t** values) {
     const std::wstring_view command = count > 1 ? values[1] : L"";
@@ -19,5 +20,6 @@ int wmain(int count, wchar_t** values) {
         return command == L"probe-child" ? runProbeChild(words) : runPictureChild(words);
     }
     testing::InitGoogleTest(&count, values);
+    watchTests();
     return RUN_ALL_TESTS();
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cwchar>
 #include <span>
+#include <utility>
 
 #include "Resources.h"
 
@@ -158,10 +159,29 @@ HRESULT list(std::span<const Attribute> attributes, uint32_t code, VARIANT* arra
     return S_OK;
 }
 
+/// The LUT on one side.
+class LutBuffer {
+public:
+    explicit LutBuffer(BlackmagicRawResourceType type) : m_type(type) {
+        createResource(sizeof(float) * 3 * 17 * 17 * 17, type, &m_resource);
+    }
+    ~LutBuffer() { release(); }
+    LutBuffer(const LutBuffer&) = delete;
+    LutBuffer& operator=(const LutBuffer&) = delete;
+    void* get() const { return m_resource; }
+    void release() noexcept {
+        if (void* const resource = std::exchange(m_resource, nullptr))
+            releaseResource(resource, m_type);
+    }
+
+private:
+    const BlackmagicRawResourceType m_type;
+    void* m_resource = nullptr;
+};
+
+/// A clip's 3D LUT, whose buffers go with the object.
 class Post3DLut : public Object<"IBlackmagicRawPost3DLUT", IBlackmagicRawPost3DLUT> {
 public:
-    explicit Post3DLut(std::shared_ptr<ClipLut> lut) : m_lut(std::move(lut)) {}
-
     HRESULT STDMETHODCALLTYPE GetResourceGPU(void* context, void* commandQueue,
                                              BlackmagicRawResourceType* type, void** resource) override {
         return cross<"IBlackmagicRawPost3DLUT::GetResourceGPU">(
@@ -169,7 +189,7 @@ public:
                 if (context != gpuContext() || commandQueue != gpuCommandQueue())
                     return badArgument();
                 *type = blackmagicRawResourceTypeBufferCUDA;
-                *resource = m_lut->device;
+                *resource = m_device.get();
                 return S_OK;
             },
             type, resource);
@@ -177,35 +197,24 @@ public:
     HRESULT STDMETHODCALLTYPE GetResourceCPU(void** resource) override {
         return cross<"IBlackmagicRawPost3DLUT::GetResourceCPU">(
             [&] {
-                *resource = m_lut->host;
+                *resource = m_host.get();
                 return S_OK;
             },
             resource);
     }
 
 protected:
-    void finish() noexcept override { m_lut.reset(); }
+    void finish() noexcept override {
+        m_host.release();
+        m_device.release();
+    }
 
 private:
-    std::shared_ptr<ClipLut> m_lut;
+    LutBuffer m_host{blackmagicRawResourceTypeBufferCPU};
+    LutBuffer m_device{blackmagicRawResourceTypeBufferCUDA};
 };
 
 } // namespace
-
-std::shared_ptr<ClipLut> ClipLut::create() {
-    constexpr uint32_t bytes = sizeof(float) * 3 * 17 * 17 * 17;
-    auto lut = std::make_shared<ClipLut>();
-    createResource(bytes, blackmagicRawResourceTypeBufferCPU, &lut->host);
-    createResource(bytes, blackmagicRawResourceTypeBufferCUDA, &lut->device);
-    return lut;
-}
-
-ClipLut::~ClipLut() {
-    if (host)
-        releaseResource(host, blackmagicRawResourceTypeBufferCPU);
-    if (device)
-        releaseResource(device, blackmagicRawResourceTypeBufferCUDA);
-}
 
 HRESULT ClipAttributes::SetClipAttribute(BlackmagicRawClipProcessingAttribute attribute, VARIANT* value) {
     return cross<"IBlackmagicRawClipProcessingAttributes::SetClipAttribute">(
@@ -229,7 +238,7 @@ HRESULT ClipAttributes::GetClipAttributeList(BlackmagicRawClipProcessingAttribut
 
 HRESULT ClipAttributes::GetPost3DLUT(IBlackmagicRawPost3DLUT** lut) {
     return cross<"IBlackmagicRawClipProcessingAttributes::GetPost3DLUT">(
-        [&] { return m_lut ? handOut(lut, new Post3DLut(m_lut)) : S_OK; }, lut);
+        [&] { return m_hasLut ? handOut(lut, new Post3DLut) : S_OK; }, lut);
 }
 
 HRESULT FrameAttributes::SetFrameAttribute(BlackmagicRawFrameProcessingAttribute attribute, VARIANT* value) {

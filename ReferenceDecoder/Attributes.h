@@ -2,26 +2,14 @@
 // block, where rules can make single ones refuse; pictures are not changed by them.
 #pragma once
 
-#include <memory>
-
 #include "Object.h"
 
 namespace reference {
 
-/// A clip's 3D LUT: a buffer on each side, alive as long as anything that can give it out.
-class ClipLut {
-public:
-    static std::shared_ptr<ClipLut> create();
-    ~ClipLut();
-
-    void* host = nullptr;
-    void* device = nullptr;
-};
-
 class ClipAttributes
     : public Object<"IBlackmagicRawClipProcessingAttributes", IBlackmagicRawClipProcessingAttributes> {
 public:
-    explicit ClipAttributes(std::shared_ptr<ClipLut> lut) : m_lut(std::move(lut)) {}
+    explicit ClipAttributes(bool hasLut) : m_hasLut(hasLut) {}
 
     HRESULT STDMETHODCALLTYPE SetClipAttribute(BlackmagicRawClipProcessingAttribute attribute,
                                                VARIANT* value) override;
@@ -33,11 +21,8 @@ public:
                                                    BOOL* isReadOnly) override;
     HRESULT STDMETHODCALLTYPE GetPost3DLUT(IBlackmagicRawPost3DLUT** lut) override;
 
-protected:
-    void finish() noexcept override { m_lut.reset(); }
-
 private:
-    std::shared_ptr<ClipLut> m_lut;
+    const bool m_hasLut;
 };
 
 class FrameAttributes

@@ -72,13 +72,10 @@ HRESULT give(auto size, uint32_t* width, uint32_t* height) {
 } // namespace
 
 Clip::Clip(std::shared_ptr<JobQueue> queue, std::shared_ptr<PnmStream> stream, Turning turning)
-    : m_queue(std::move(queue)), m_stream(std::move(stream)), m_turning(turning) {
-    if (referenceDecoderControl().clipsHaveLut)
-        m_lut = ClipLut::create();
-}
+    : m_queue(std::move(queue)), m_stream(std::move(stream)), m_turning(turning),
+      m_hasLut(referenceDecoderControl().clipsHaveLut != 0) {}
 
 void Clip::finish() noexcept {
-    m_lut.reset();
     m_stream.reset();
     m_queue.reset();
 }
@@ -133,7 +130,7 @@ HRESULT Clip::GetFrameCount(uint64_t* frameCount) {
 
 HRESULT Clip::CloneClipProcessingAttributes(IBlackmagicRawClipProcessingAttributes** attributes) {
     return cross<"IBlackmagicRawClip::CloneClipProcessingAttributes">(
-        [&] { return handOut(attributes, new ClipAttributes(m_lut)); }, attributes);
+        [&] { return handOut(attributes, new ClipAttributes(m_hasLut)); }, attributes);
 }
 
 HRESULT Clip::GetBitStreamSizeBytes(uint64_t frameIndex, uint32_t* sizeBytes) {

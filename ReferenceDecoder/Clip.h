@@ -47,8 +47,8 @@ private:
 
     std::shared_ptr<JobQueue> m_queue;
     std::shared_ptr<PnmStream> m_stream;
-    std::shared_ptr<ClipLut> m_lut;
     const Turning m_turning;
+    const bool m_hasLut;
 };
 
 } // namespace reference

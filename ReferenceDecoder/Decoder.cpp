@@ -128,19 +128,27 @@ private:
     const BlackmagicRawResourceType m_type;
 };
 
+bool needsWorkingMemory() {
+    return !referenceDecoderHas(ReferenceDecoderManners::noWorkingMemory);
+}
+
 class ProcessJob : public Job {
 public:
     struct Buffers {
         const void* decoded;
         void* working; ///< null on the CPU
         void* processed;
+        const void* lut; ///< may be null
         BlackmagicRawResourceType type;
+        bool hasLut() const { return lut && fitsBuffer(lut, 1, type); }
     };
     ProcessJob(std::shared_ptr<JobQueue> queue, const FrameState& state, const Buffers& buffers)
         : Job(std::move(queue)), m_state(state), m_buffers(buffers) {}
 
 private:
     HRESULT work() override {
+        if (m_buffers.lut && !m_buffers.hasLut()) // gone while the job waited
+            return badArgument();
         const void* source = m_buffers.decoded;
         if (m_buffers.working) // the device's scratch memory takes the picture while it is converted
             source = std::memcpy(m_buffers.working, source, static_cast<size_t>(m_state.decodedBytes()));
@@ -169,7 +177,7 @@ private:
 
 /// The caller's buffers checked against the frame, then the job.
 HRESULT createProcessJob(const CodecState& codec, const void* frameState, const ProcessJob::Buffers& buffers,
-                         const void* lut, IBlackmagicRawJob** job) {
+                         IBlackmagicRawJob** job) {
     const FrameState* state = stateIn(frameState);
     const bool isGpu = buffers.type != blackmagicRawResourceTypeBufferCPU;
     const auto fits = [&](const void* buffer, uint64_t bytes) {
@@ -177,10 +185,11 @@ HRESULT createProcessJob(const CodecState& codec, const void* frameState, const 
     };
     if (!state || !fits(buffers.decoded, state->decodedBytes()) ||
         !fits(buffers.processed, state->processedBytes()) ||
-        (isGpu && !fits(buffers.working, state->decodedBytes())) ||
-        (lut && !fitsBuffer(lut, 1, buffers.type)))
+        (isGpu && (buffers.working || needsWorkingMemory()) &&
+         !fits(buffers.working, state->decodedBytes())) ||
+        (buffers.lut && !buffers.hasLut()))
         return badArgument();
-    if (lut)
+    if (buffers.lut)
         ++account().jobsWithLut;
     return handOut(job, new ProcessJob(codec.queue, *state, buffers));
 }
@@ -264,16 +273,22 @@ HRESULT CpuDecoder::CreateJobProcess(void* frameState, void* decoded, void* proc
                                      IBlackmagicRawJob** job) {
     return cross<"IBlackmagicRawManualDecoderFlow1::CreateJobProcess">(
         [&] {
-            return createProcessJob(m_codec, frameState,
-                                    {decoded, nullptr, processed, blackmagicRawResourceTypeBufferCPU},
-                                    post3DLUT, job);
+            return createProcessJob(
+                m_codec, frameState,
+                {decoded, nullptr, processed, post3DLUT, blackmagicRawResourceTypeBufferCPU}, job);
         },
         job);
 }
 
 HRESULT GpuDecoder::GetWorkingSizeBytes(void* frameState, uint32_t* sizeBytes) {
     return cross<"IBlackmagicRawManualDecoderFlow2::GetWorkingSizeBytes">(
-        [&] { return giveSize(frameState, &FrameState::decodedBytes, sizeBytes); }, sizeBytes);
+        [&] {
+            const HRESULT result = giveSize(frameState, &FrameState::decodedBytes, sizeBytes);
+            if (!needsWorkingMemory())
+                *sizeBytes = 0;
+            return result;
+        },
+        sizeBytes);
 }
 
 HRESULT GpuDecoder::CreateJobProcess(void* context, void* commandQueue, void* frameState, void* decoded,
@@ -284,9 +299,9 @@ HRESULT GpuDecoder::CreateJobProcess(void* context, void* commandQueue, void* fr
             if (context != gpuContext() || commandQueue != gpuCommandQueue() ||
                 m_codec.pipeline != blackmagicRawPipelineCUDA)
                 return badArgument();
-            return createProcessJob(m_codec, frameState,
-                                    {decoded, working, processed, blackmagicRawResourceTypeBufferCUDA},
-                                    post3DLUT, job);
+            return createProcessJob(
+                m_codec, frameState,
+                {decoded, working, processed, post3DLUT, blackmagicRawResourceTypeBufferCUDA}, job);
         },
         job);
 }

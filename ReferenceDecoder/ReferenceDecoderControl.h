@@ -25,6 +25,7 @@ enum class ReferenceDecoderManners : uint32_t {
     buffersNeedMore = 1 << 10,          ///< sizes are larger than the picture, and the rest is written to
     sizeBeforeTurning = 1 << 11,        ///< a clip's own size is that of the picture as it is stored
     resolutionsBeforeTurning = 1 << 12, ///< and so are its resolutions
+    noWorkingMemory = 1 << 13,          ///< a GPU processes without a working buffer
 };
 
 constexpr ReferenceDecoderManners operator|(ReferenceDecoderManners a, ReferenceDecoderManners b) {

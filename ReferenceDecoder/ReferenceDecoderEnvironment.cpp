@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -24,7 +25,7 @@ constexpr MannerName kManners[] = {
     MANNER(threadsDoNotHoldLibrary),   MANNER(submitCompletesFirst), MANNER(changingThreads),
     MANNER(lateCompletions),           MANNER(ascendingResolutions), MANNER(shuffledResolutions),
     MANNER(otherSuccessCodes),         MANNER(buffersNeedMore),      MANNER(sizeBeforeTurning),
-    MANNER(resolutionsBeforeTurning),
+    MANNER(resolutionsBeforeTurning),  MANNER(noWorkingMemory),
 };
 #undef MANNER
 

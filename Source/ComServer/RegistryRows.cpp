@@ -1,5 +1,7 @@
 #include "RegistryRows.h"
 
+#include <tuple>
+
 #include "Utils/vdModule.h"
 
 namespace {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 namespace {

@@ -115,7 +115,7 @@ vdStatus brBufferManager::grow(brBuffer& buffer, uint32_t neededBytes, Blackmagi
                                const GrowTexts& texts) {
     if (neededBytes <= buffer.capacity)
         return {};
-    VD_LOG_INFO(m_identity << texts.allocating << buffer.capacity);
+    VD_LOG_AS(vdLogLevel::info, texts.operation, m_identity << texts.allocating << buffer.capacity);
     const vdStatus released = releaseBuffer(buffer, texts.releaseFailed);
     return released.failed ? released : createBuffer(buffer, neededBytes, usage, texts.createFailed);
 }
@@ -126,10 +126,12 @@ vdStatus brBufferManager::growDecoded(uint32_t neededBytes) {
     const uint32_t capacity = m_isGPU ? std::min(host.capacity, device.capacity) : host.capacity;
     if (neededBytes <= capacity)
         return {};
-    VD_LOG_INFO(m_identity << " - Allocating New Buffer for m_decodedBuffer - PreviousSize : " << capacity);
+    VD_LOG_AS(vdLogLevel::info, "createDecodeJob",
+              m_identity << " - Allocating New Buffer for m_decodedBuffer - PreviousSize : " << capacity);
     vdStatus status = releaseBuffer(host, "Failed Releasing CPU Resource ");
     if (!status.failed && m_isGPU) {
-        VD_LOG_INFO(m_identity << " - Allocating New Buffer for m_decodedBufferGPU too");
+        VD_LOG_AS(vdLogLevel::info, "createDecodeJob",
+                  m_identity << " - Allocating New Buffer for m_decodedBufferGPU too");
         status = releaseBuffer(device, "Failed Releasing GPU Resource ");
     }
     if (!status.failed)
@@ -154,7 +156,7 @@ vdStatus brBufferManager::populateFrameStateBuffer(IBlackmagicRawFrame* frame,
                   m_identity << " - frameStateSizeBytes : " << size);
         const vdStatus status =
             grow(m_frameState, size, blackmagicRawResourceUsageReadCPUWriteCPU,
-                 {" - Allocating New Buffer for m_frameState - Previous Size : ",
+                 {"populateFrameStateBuffer", " - Allocating New Buffer for m_frameState - Previous Size : ",
                   "Failed Releasing CPU Resource FrameState ", "Failed Creating CPU Resource FrameState "});
         if (status.failed)
             return status;
@@ -177,10 +179,11 @@ vdStatus brBufferManager::createReadJob(IBlackmagicRawClipEx* clip, uint64_t fra
                          (reason == hresultText(E_FAIL) ? std::string() : " - " + reason));
     }
     VD_LOG_INFO(m_identity << " - bitStreamSizeBytes : " << size);
-    const vdStatus status = grow(m_bitStream, size, blackmagicRawResourceUsageReadCPUWriteCPU,
-                                 {" - Allocating New Buffer for m_bitStream - Previous Size : ",
-                                  "Impossible to Release current BitStream Resource - ",
-                                  "Impossible to Create BitStream Resource - "});
+    const vdStatus status =
+        grow(m_bitStream, size, blackmagicRawResourceUsageReadCPUWriteCPU,
+             {"createReadJob", " - Allocating New Buffer for m_bitStream - Previous Size : ",
+              "Impossible to Release current BitStream Resource - ",
+              "Impossible to Create BitStream Resource - "});
     if (status.failed)
         return status;
     hr = clip->CreateJobReadFrame(frameIndex, m_bitStream.resource, size, job.ReleaseAndGetAddressOf());
@@ -215,7 +218,7 @@ vdStatus brBufferManager::createProcessJobGPU(Job& job) {
         usableSize(m_manualDecoderGPU->GetProcessedSizeBytes(frameState, &processedSize), processedSize);
     if (FAILED(hr))
         return failure("Failed GPU GetProcessedSizeBytes ", hr);
-    hr = usableSize(m_manualDecoderGPU->GetWorkingSizeBytes(frameState, &workingSize), workingSize);
+    hr = m_manualDecoderGPU->GetWorkingSizeBytes(frameState, &workingSize); // a pipeline may need none
     if (FAILED(hr))
         return failure("Failed GPU GetWorkingSizeBytes ", hr);
 
@@ -223,16 +226,16 @@ vdStatus brBufferManager::createProcessJobGPU(Job& job) {
               m_identity << " - GPU workingBufferSizeBytes : " << workingSize);
     vdStatus status =
         grow(m_workingBuffer, workingSize, blackmagicRawResourceUsageReadGPUWriteGPU,
-             {" - Allocating New GPU Buffer for m_workingBuffer - Previous Size : ",
+             {"createProcessJob", " - Allocating New GPU Buffer for m_workingBuffer - Previous Size : ",
               "Failed Releasing GPU WorkingBuffer Resource ", "Failed Creating GPU WorkingBuffer Resource "});
     if (status.failed)
         return status;
     VD_LOG_AS(vdLogLevel::info, "createProcessJob",
               m_identity << " - GPU processedBufferSizeBytes : " << processedSize);
-    status =
-        growProcessed(processedSize, {" - Allocating New GPU Buffer for m_processedBuffer - Previous Size : ",
-                                      "Failed Releasing GPU ProcessedBuffer Resource ",
-                                      "Failed Creating GPU ProcessedBuffer Resource "});
+    status = growProcessed(
+        processedSize,
+        {"createProcessJob", " - Allocating New GPU Buffer for m_processedBuffer - Previous Size : ",
+         "Failed Releasing GPU ProcessedBuffer Resource ", "Failed Creating GPU ProcessedBuffer Resource "});
     if (status.failed)
         return status;
 
@@ -259,10 +262,10 @@ vdStatus brBufferManager::createProcessJobCPU(Job& job) {
     VD_LOG_AS(vdLogLevel::info, "createProcessJob",
               m_identity << " - CPU processedBufferSizeBytes : " << size);
     const uint32_t callersSize = m_ownsProcessedBuffer ? 0 : m_processedBuffer.capacity;
-    const vdStatus status =
-        growProcessed(size, {" - Allocating New CPU Buffer for m_processedBuffer - Previous Size : ",
-                             "Failed Releasing CPU ProcessedBuffer Resource ",
-                             "Failed Creating CPU ProcessedBuffer Resource "});
+    const vdStatus status = growProcessed(
+        size,
+        {"createProcessJob", " - Allocating New CPU Buffer for m_processedBuffer - Previous Size : ",
+         "Failed Releasing CPU ProcessedBuffer Resource ", "Failed Creating CPU ProcessedBuffer Resource "});
     if (status.failed)
         return status;
     if (m_ownsProcessedBuffer && callersSize != 0)
@@ -278,7 +281,7 @@ vdStatus brBufferManager::createProcessJobCPU(Job& job) {
 vdStatus brBufferManager::growProcessed(uint32_t neededBytes, const GrowTexts& texts) {
     if (neededBytes > m_processedBuffer.capacity && !std::exchange(m_ownsProcessedBuffer, true)) {
         // The caller's memory is too small: it is left alone, and the image lands in a buffer of our own.
-        VD_LOG_AS(vdLogLevel::info, "createProcessJob",
+        VD_LOG_AS(vdLogLevel::info, texts.operation,
                   m_identity << texts.allocating << m_processedBuffer.capacity);
         m_processedBuffer.resource = nullptr;
         m_processedBuffer.capacity = 0;
@@ -309,17 +312,24 @@ brBufferManager::fillLut3DBuffersFromClipProcessing(IBlackmagicRawClipProcessing
         return failure("Failed Getting Post3DLUT ", hr);
     if (!lut)
         return {};
+    void* device = nullptr;
+    void* host = nullptr;
     if (m_isGPU && m_commandQueue) {
         BlackmagicRawResourceType type = m_resourceType;
-        hr = lut->GetResourceGPU(m_context, m_commandQueue, &type, &m_post3DLUTGPU);
+        hr = lut->GetResourceGPU(m_context, m_commandQueue, &type, &device);
         if (FAILED(hr))
             return failure("Failed Getting GPU Resource ", hr);
         if (type != m_resourceType)
             VD_LOG_ERROR(
                 m_identity << "Error : Post3D Lut Resource Type is different than Request resource Type");
     }
-    hr = lut->GetResourceCPU(&m_post3DLUTCPU);
-    return FAILED(hr) ? failure("Failed Getting CPU Resource ", hr) : vdStatus();
+    hr = lut->GetResourceCPU(&host);
+    if (FAILED(hr))
+        return failure("Failed Getting CPU Resource ", hr);
+    m_post3DLUTGPU = device;
+    m_post3DLUTCPU = host;
+    m_post3DLUT = std::move(lut);
+    return {};
 }
 
 vdStatus brBufferManager::getProcessedBufferOnHost(void*& host, uint64_t hostSizeBytes) const {

@@ -62,10 +62,11 @@ public:
     std::shared_ptr<brCodecSession> m_session; ///< what the buffers need to the end; so it goes last
     brRequestIdentity m_identity;
     Microsoft::WRL::ComPtr<IBlackmagicRawResourceManager> m_resourceManager;
-    IBlackmagicRawManualDecoderFlow1* m_manualDecoderCPU; ///< not owned
-    IBlackmagicRawManualDecoderFlow2* m_manualDecoderGPU; ///< not owned; may be null on the CPU
-    void* m_post3DLUTGPU = nullptr;                       ///< the LUT's own
-    void* m_post3DLUTCPU = nullptr;                       ///< the LUT's own
+    IBlackmagicRawManualDecoderFlow1* m_manualDecoderCPU;        ///< not owned
+    IBlackmagicRawManualDecoderFlow2* m_manualDecoderGPU;        ///< not owned; may be null on the CPU
+    Microsoft::WRL::ComPtr<IBlackmagicRawPost3DLUT> m_post3DLUT; ///< owns the two below, which jobs read
+    void* m_post3DLUTGPU = nullptr;
+    void* m_post3DLUTCPU = nullptr;
     void* m_context;
     void* m_commandQueue;
     bool m_isGPU;
@@ -80,8 +81,9 @@ public:
     void* m_finalImageBuffer = nullptr; ///< the caller's
 
 private:
-    /// The texts of one buffer's log line and failures.
+    /// The texts of one buffer's log line and failures, and the operation under whose name the line stands.
     struct GrowTexts {
+        const char* operation;
         std::string_view allocating;
         std::string_view releaseFailed;
         std::string_view createFailed;

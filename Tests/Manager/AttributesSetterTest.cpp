@@ -32,7 +32,7 @@ protected:
     AttributesSetterTest() {
         m_session.reset();
         // Attach would take a reference of its own with this toolchain's ComPtr.
-        *m_clip.GetAddressOf() = new reference::ClipAttributes(nullptr);
+        *m_clip.GetAddressOf() = new reference::ClipAttributes(false);
         *m_frame.GetAddressOf() = new reference::FrameAttributes;
     }
     ~AttributesSetterTest() override {

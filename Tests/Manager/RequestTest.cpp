@@ -193,8 +193,11 @@ TEST_F(RequestTest, GpuRoadGivesThePixelsOfTheClip) {
     ASSERT_EQ(init(true), 0);
     EXPECT_TRUE(m_manager->m_manualDecoderGPU);
     m_decoder.setClipsHaveLut(true);
+    m_decoder.setGuardResources(true);
     const auto clip = addClip(m_clipPath);
-    for (const uint32_t padding : {0u, 16u})
+    for (const uint32_t padding : {0u, 16u}) {
+        m_decoder.setManners(padding ? ReferenceDecoderManners::noWorkingMemory
+                                     : ReferenceDecoderManners::none);
         for (const brPixelFormat format : {brPixelFormat::BGRA_8_LOW, brPixelFormat::ARGB_8_UP}) {
             const auto request = makeRequest(*clip, format, padding);
             ASSERT_TRUE(request->m_bufferManager->m_isGPU);
@@ -211,7 +214,9 @@ TEST_F(RequestTest, GpuRoadGivesThePixelsOfTheClip) {
                     wrong += !std::equal(expected.begin(), expected.end(), &request->pixels[at]);
                 }
             EXPECT_EQ(wrong, 0u) << pixelFormatName(format) << " +" << padding;
+            EXPECT_EQ(request->m_bufferManager->m_workingBuffer.resource == nullptr, padding != 0);
         }
+    }
     EXPECT_EQ(m_decoder.account().jobsWithLut, 4);
 }
 

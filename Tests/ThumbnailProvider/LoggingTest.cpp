@@ -115,15 +115,19 @@ constexpr const char* wholeRoad[] = {
     "- Downscale 0",
     "INFO|Request        | setup|[Q-1C0#0I0] Request Setup - Frame 0 / 1 - Format BGRA_8_LOW - GPU : 0 - "
     "Enable : 1",
-    "INFO|brBufferManager| *|[Q-1C0#0I0]  - Processed Buffer should not be released",
+    "INFO|brBufferManager| setAllocatedProcessedBuffer|[Q-1C0#0I0]  - Processed Buffer should not be "
+    "released",
     "INFO|brBufferManager| createReadJob|[Q-1C0#0I0]  - bitStreamSizeBytes : *",
-    "INFO|brBufferManager| *|[Q-1C0#0I0]  - Allocating New Buffer for m_bitStream - Previous Size : 0",
+    "INFO|brBufferManager| createReadJob|[Q-1C0#0I0]  - Allocating New Buffer for m_bitStream - Previous "
+    "Size : 0",
     "INFO|Manager        | AddProcessFrameAsync|[Q-1C0#0I0] Submitting Job",
     "INFO|Callback       | ReadComplete|[Q-1C0#0I0] ReadComplete  dt * us",
     "INFO|brBufferManager| populateFrameStateBuffer|[Q-1C0#0I0]  - frameStateSizeBytes : *",
-    "INFO|brBufferManager| *|[Q-1C0#0I0]  - Allocating New Buffer for m_frameState - Previous Size : 0",
+    "INFO|brBufferManager| populateFrameStateBuffer|[Q-1C0#0I0]  - Allocating New Buffer for m_frameState - "
+    "Previous Size : 0",
     "INFO|brBufferManager| createDecodeJob|[Q-1C0#0I0]  - decodedBufferSizeBytes : *",
-    "INFO|brBufferManager| *|[Q-1C0#0I0]  - Allocating New Buffer for m_decodedBuffer - PreviousSize : 0",
+    "INFO|brBufferManager| createDecodeJob|[Q-1C0#0I0]  - Allocating New Buffer for m_decodedBuffer - "
+    "PreviousSize : 0",
     "INFO|Callback       | DecodeComplete|Callback DecodeComplete called",
     "INFO|Callback       | DecodeComplete|[Q-1C0#0I0] DecodeComplete dt * us",
     "INFO|brBufferManager| createProcessJob|[Q-1C0#0I0]  - CPU processedBufferSizeBytes : 2048",

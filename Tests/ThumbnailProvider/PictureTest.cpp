@@ -47,8 +47,11 @@ TEST_F(Picture, SizeFollowsTheDecodersResolutions) {
 TEST_F(Picture, EveryPixelIsTheSources) {
     const TestClip clip{61, 47}; // no side is a multiple of anything
     const std::wstring path = writeClip(clip);
+    m_decoder.setClipsHaveLut(true);
+    m_decoder.setGuardResources(true); // a LUT that went too early shows
     for (const uint32_t factor : {1u, 2u, 4u, 8u})
         expectPicture(ask(path, expectedSide(47, factor)), clip, factor);
+    EXPECT_EQ(4, m_decoder.account().jobsWithLut);
 }
 
 // A clip may be stored turned, and a decoder tell its sizes before or after it turns them.

@@ -1,6 +1,7 @@
 #include "CrashReport.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cwchar>
 #include <iterator>
 

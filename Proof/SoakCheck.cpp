@@ -11,6 +11,7 @@
 
 #include <psapi.h>
 
+#include "Processes.h"
 #include "Proof.h"
 #include "Scenario.h"
 
@@ -26,28 +27,6 @@ constexpr struct {
     {"handles", 4},      {"thread-local slots", 2}, {"GDI objects", 0},        {"modules", 0},
     {"heap blocks", 32}, {"heap bytes", 16384},     {"private bytes", 2 << 20}};
 using Holdings = std::array<int64_t, holdingCount>;
-
-/// GetProcessHandleCount is not answered under Wine; the system's list of all handles is, and by both.
-int64_t countHandles() {
-    struct List {
-        uintptr_t count, reserved;
-        struct {
-            void* object;
-            uintptr_t process, handle;
-            uint32_t rest[4];
-        } entries[1 << 14];
-    };
-    constexpr int systemExtendedHandleInformation = 64;
-    static List list;
-    const auto query = exportOf<LONG(WINAPI*)(int, void*, ULONG, ULONG*)>(GetModuleHandleW(L"ntdll.dll"),
-                                                                          "NtQuerySystemInformation");
-    if (DWORD count = 0; query(systemExtendedHandleInformation, &list, sizeof list, nullptr) < 0)
-        return GetProcessHandleCount(GetCurrentProcess(), &count) ? count : 0;
-    int64_t own = 0;
-    for (uintptr_t i = 0; i < list.count; ++i)
-        own += list.entries[i].process == GetCurrentProcessId();
-    return own;
-}
 
 int64_t countFreeThreadSlots() {
     std::vector<DWORD> slots;

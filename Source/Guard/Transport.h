@@ -57,6 +57,7 @@ struct WorkerChannel {
     std::atomic<uint64_t> taken; ///< number of the last question that the worker has begun with: one that
                                  ///< dies before does not die of the question
     uint32_t idleMilliseconds;   ///< after which the worker leaves
+    size_t memoryLimit;          ///< of the worker, in bytes
     WorkerAnswer answer;
     WorkerQuestion question;
 

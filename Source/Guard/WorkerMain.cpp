@@ -4,11 +4,13 @@
 // Its threads: the main one, an apartment of its own that asks the handler; one that waits for the guard's
 // end; and whatever the handler starts. It always leaves by TerminateProcess, since an orderly end can hang
 // in a library.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
 #include <objbase.h>
+#include <psapi.h>
 
 #include "HandlerHost.h"
 #include "OwnedHandle.h"
@@ -16,6 +18,10 @@
 
 namespace {
 constexpr wchar_t handlerFile[] = L"Clipforge_Thumbnails.dll";
+/// How long the unloading of the decoder may go on after its last thumbnail.
+constexpr DWORD unloadMilliseconds = 2000;
+/// What a worker may have grown by and still be kept after a failure, which may be one for want of memory.
+constexpr size_t growthAfterFailure = size_t{32} << 20;
 
 [[noreturn]] void leave(DWORD exitCode) {
     TerminateProcess(GetCurrentProcess(), exitCode);
@@ -55,6 +61,20 @@ void startWatch(HANDLE guard) {
     WaitForSingleObject(begun.get(), INFINITE);
 }
 
+/// Bytes that this process alone has committed.
+size_t committedBytes() {
+    PROCESS_MEMORY_COUNTERS memory = {};
+    GetProcessMemoryInfo(GetCurrentProcess(), &memory, sizeof memory);
+    return memory.PagefileUsage;
+}
+
+/// A thread can begin only while nobody loads or unloads a library.
+bool canLoadLibraries() {
+    const OwnedHandle thread(CreateThread(
+        nullptr, 0, [](void*) -> DWORD { return 0; }, nullptr, 0, nullptr));
+    return WaitForSingleObject(thread.get(), unloadMilliseconds) == WAIT_OBJECT_0;
+}
+
 std::wstring handlerPath() {
     std::wstring path(WorkerQuestion::maximumPath + 1, L'\0');
     path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
@@ -67,9 +87,13 @@ public:
 
     [[noreturn]] void serve() {
         const WorkerOutcome loaded = load();
+        m_committedAtStart = committedBytes();
         for (;;) {
             waitForQuestion();
             answer(loaded);
+            // One that hangs while it unloads the decoder would hang with the next question.
+            if (!canLoadLibraries())
+                leave(0);
         }
     }
 
@@ -102,8 +126,18 @@ private:
         if (loaded == WorkerOutcome::answered)
             ask(std::wstring(question.path, question.pathLength), question.size, answer);
         answer.number = question.number;
-        m_channel.state = WorkerState::idle;
+        const bool isSpent = hasGrown(answer);
+        m_channel.state = isSpent ? WorkerState::gone : WorkerState::idle;
         SetEvent(m_handles.answer);
+        if (isSpent)
+            leave(0);
+    }
+
+    /// Nothing is kept between two thumbnails: what is still there was lost, and the next one would lack it.
+    bool hasGrown(const WorkerAnswer& answer) const {
+        const size_t now = committedBytes();
+        const size_t growth = now - std::min(now, m_committedAtStart);
+        return growth > m_channel.memoryLimit / 4 || (answer.result != S_OK && growth > growthAfterFailure);
     }
 
     void ask(const std::wstring& path, UINT size, WorkerAnswer& answer) {
@@ -136,6 +170,7 @@ private:
     WorkerHandles m_handles;
     WorkerChannel& m_channel;
     HandlerLibrary m_handler;
+    size_t m_committedAtStart = 0;
 };
 } // namespace
 

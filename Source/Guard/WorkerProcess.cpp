@@ -154,6 +154,7 @@ bool WorkerProcess::openChannel(OwnedHandle& section) noexcept {
         VirtualAlloc(m_channel.get(), sizeof(WorkerChannel), MEM_COMMIT, PAGE_READWRITE) == nullptr)
         return false;
     m_channel->idleMilliseconds = policyValue(vdPolicy::workerIdleSeconds) * 1000;
+    m_channel->memoryLimit = m_memoryLimit = size_t{policyValue(vdPolicy::workerMegabytes)} << 20;
     m_workMilliseconds = policyValue(vdPolicy::workerSeconds) * 1000;
     return true;
 }
@@ -166,7 +167,7 @@ HRESULT WorkerProcess::start(const std::wstring& folder, HANDLE section, HANDLE 
     m_thread = OwnedHandle(process.hThread);
     // Where it is refused (a host that lies in a job of its own, before Windows 8) the worker looks itself
     // whether the guard still lives.
-    m_job = createWorkerJob(size_t{policyValue(vdPolicy::workerMegabytes)} << 20);
+    m_job = createWorkerJob(m_memoryLimit);
     if (m_job)
         AssignProcessToJobObject(m_job.get(), m_process.get());
     return S_OK;

@@ -60,5 +60,6 @@ private:
     OwnedHandle m_question, m_answer, m_job, m_process;
     OwnedHandle m_thread; ///< as long as it has not begun to run
     DWORD m_workMilliseconds = 0;
-    uint64_t m_number = 0; ///< of the last question
+    size_t m_memoryLimit = 0; ///< in bytes
+    uint64_t m_number = 0;    ///< of the last question
 };

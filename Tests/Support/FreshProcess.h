@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-/// Runs the disabled test "Suite.DISABLED_Name" of this program in another process and gives the exit code:
-/// 0 when it passed, STILL_ACTIVE when it ran on and was ended.
-inline DWORD exitCodeOfFreshProcess(const std::string& test, DWORD milliseconds = INFINITE) {
+/// Starts the disabled test "Suite.DISABLED_Name" of this program in another process; both handles are the
+/// caller's, and null when there is no process.
+inline PROCESS_INFORMATION startFreshProcess(const std::string& test) {
     wchar_t program[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, program, MAX_PATH);
     std::wstring line = L"\"" + std::wstring(program) +
@@ -18,10 +18,16 @@ inline DWORD exitCodeOfFreshProcess(const std::string& test, DWORD milliseconds 
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process = {};
     if (!CreateProcessW(program, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
-                        &process)) {
+                        &process))
         ADD_FAILURE() << "no process for " << test;
+    return process;
+}
+
+/// Runs it and gives the exit code: 0 when it passed, STILL_ACTIVE when it ran on and was ended.
+inline DWORD exitCodeOfFreshProcess(const std::string& test, DWORD milliseconds = INFINITE) {
+    const PROCESS_INFORMATION process = startFreshProcess(test);
+    if (process.hProcess == nullptr)
         return 1;
-    }
     if (WaitForSingleObject(process.hProcess, milliseconds) != WAIT_OBJECT_0) {
         TerminateProcess(process.hProcess, STILL_ACTIVE);
         WaitForSingleObject(process.hProcess, INFINITE);

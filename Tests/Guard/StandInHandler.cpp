@@ -1,0 +1,133 @@
+// A handler in the real one's place, whose clips say by their names what becomes of the process.
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include <propsys.h>
+#include <shlwapi.h>
+#include <thumbcache.h>
+
+#include "ComServer.h"
+#include "HandlerHost.h"
+#include "ModuleState.h"
+#include "StandIn.h"
+#include "Utils/vdModule.h"
+
+namespace {
+std::wstring folderOfModule() {
+    const std::wstring path = ownModulePath();
+    return path.substr(0, path.find_last_of(L'\\'));
+}
+
+volatile char* volatile g_nowhere = nullptr;
+
+int overflowStack(int depth) {
+    volatile char frame[4096];
+    frame[0] = static_cast<char>(depth);
+    return depth < 0 ? 0 : overflowStack(depth + 1) + frame[0];
+}
+
+void raiseOnThread() {
+    const auto raise = [](void*) -> DWORD {
+        RaiseException(0xE0000001, EXCEPTION_NONCONTINUABLE, 0, nullptr);
+        return 0;
+    };
+    WaitForSingleObject(CreateThread(nullptr, 0, raise, nullptr, 0, nullptr), INFINITE);
+}
+
+constexpr struct {
+    const wchar_t* name;
+    void (*deed)();
+} deeds[] = {
+    {L"null write", [] { *g_nowhere = 1; }},
+    {L"stack overflow", [] { std::exit(overflowStack(0)); }},
+    {L"abort", [] { std::abort(); }},
+    {L"fail fast", [] { RaiseFailFastException(nullptr, nullptr, 0); }},
+    {L"terminate", [] { TerminateProcess(GetCurrentProcess(), 0); }},
+    {L"exit", [] { ExitProcess(0); }},
+    {L"throw", [] { throw 1; }},
+    {L"thread", raiseOnThread},
+    {L"hang", [] { Sleep(INFINITE); }},
+    {L"slow", [] { Sleep(300); }},
+};
+
+WorkerFacts facts() {
+    wchar_t folder[MAX_PATH] = {};
+    GetCurrentDirectoryW(MAX_PATH, folder);
+    const auto filter = SetUnhandledExceptionFilter(nullptr);
+    SetUnhandledExceptionFilter(filter);
+    return {GetErrorMode(), filter != nullptr, _wcsicmp(folder, folderOfModule().c_str()) == 0,
+            GetCurrentProcessId()};
+}
+
+class StandIn final : public IInitializeWithFile, public IThumbnailProvider {
+public:
+    virtual ~StandIn() = default;
+    IFACEMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
+        static const QITAB interfaces[] = {
+            QITABENT(StandIn, IInitializeWithFile), QITABENT(StandIn, IThumbnailProvider), {nullptr, 0}};
+        return QISearch(this, interfaces, riid, ppv);
+    }
+    IFACEMETHODIMP_(ULONG) AddRef() override {
+        return static_cast<ULONG>(InterlockedIncrement(&m_references));
+    }
+    IFACEMETHODIMP_(ULONG) Release() override {
+        const LONG count = InterlockedDecrement(&m_references);
+        if (count == 0)
+            delete this;
+        return static_cast<ULONG>(count);
+    }
+    IFACEMETHODIMP Initialize(LPCWSTR path, DWORD) override {
+        m_name = PathFindFileNameW(path);
+        return S_OK;
+    }
+    IFACEMETHODIMP GetThumbnail(UINT size, HBITMAP* bitmap, WTS_ALPHATYPE* alpha) override {
+        for (const auto& [name, deed] : deeds)
+            if (m_name.starts_with(name))
+                deed();
+        if (m_name.starts_with(L"refused"))
+            return static_cast<HRESULT>(0x80041234);
+        *alpha = WTSAT_RGB;
+        BITMAPINFO info = {{sizeof info.bmiHeader, static_cast<LONG>(size), static_cast<LONG>(size / 2), 1,
+                            32, BI_RGB, 0, 0, 0, 0, 0},
+                           {}};
+        void* bits = nullptr;
+        *bitmap = CreateDIBSection(nullptr, &info, DIB_RGB_COLORS, &bits, nullptr, 0);
+        if (*bitmap == nullptr)
+            return E_OUTOFMEMORY;
+        for (uint32_t i = 0; size <= standInFilled && i < size * (size / 2) * 4; ++i)
+            static_cast<uint8_t*>(bits)[i] = standInByte(size, i);
+        if (const WorkerFacts known = facts(); m_name.starts_with(L"facts"))
+            std::memcpy(bits, &known, sizeof known);
+        return S_OK;
+    }
+
+private:
+    volatile LONG m_references = 1;
+    std::wstring m_name;
+    ModuleLock m_lock;
+};
+
+HRESULT create(REFIID riid, void** ppv) {
+    return handOut(new (std::nothrow) StandIn, riid, ppv);
+}
+constexpr ClassRow classes[] = {{&CLSID_ClipforgeThumbnails, create}};
+} // namespace
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID) {
+    if (reason != DLL_PROCESS_ATTACH)
+        return TRUE;
+    if (GetFileAttributesW((folderOfModule() + L"\\hang in DllMain").c_str()) != INVALID_FILE_ATTRIBUTES)
+        Sleep(INFINITE);
+    attachServer(module);
+    return TRUE;
+}
+
+STDAPI DllCanUnloadNow() {
+    return canUnloadServer();
+}
+
+STDAPI DllGetClassObject(REFCLSID rclsid, REFIID riid, LPVOID* ppv) {
+    return getClassObject(classes, rclsid, riid, ppv);
+}

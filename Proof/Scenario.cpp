@@ -62,9 +62,11 @@ std::vector<uint8_t> expectedPicture(const TestClip& clip, uint32_t factor) {
     return pixels;
 }
 
-std::string KnownQuestion::trouble(const HandlerLibrary* library) const {
+std::string KnownQuestion::trouble(const HandlerLibrary* library, std::optional<HRESULT> orFailure) const {
     std::string trouble;
     const ScenarioPicture picture = takeThumbnail(clip, size, library, trouble);
+    if (picture.result == orFailure && picture.pixels.empty())
+        return trouble;
     if (picture.result != result)
         return resultText(picture.result) + " instead of " + resultText(result);
     return trouble.empty() && picture.pixels != pixels ? "a wrong picture" : trouble;

@@ -33,8 +33,8 @@ struct KnownQuestion {
     HRESULT result;
     std::vector<uint8_t> pixels; ///< as expectedPicture's; of a picture alone
 
-    /// Asks and compares to the last pixel. Empty when the answer is right.
-    std::string trouble(const HandlerLibrary* library) const;
+    /// Asks and compares to the last pixel. Empty when the answer is right, or that failure.
+    std::string trouble(const HandlerLibrary* library, std::optional<HRESULT> orFailure = {}) const;
 };
 
 /// Good and bad clips at good and bad sizes; the files live as long as the object. Read by any thread.

@@ -32,10 +32,18 @@ LONG WINAPI leaveCrashed(EXCEPTION_POINTERS* exception) {
     leave(exception->ExceptionRecord->ExceptionCode);
 }
 
+/// A thread whose stack has ended has hardly room for a search for handlers: seen, it hung in there.
+LONG WINAPI leaveWithoutStack(EXCEPTION_POINTERS* exception) {
+    if (exception->ExceptionRecord->ExceptionCode == EXCEPTION_STACK_OVERFLOW)
+        leave(EXCEPTION_STACK_OVERFLOW);
+    return EXCEPTION_CONTINUE_SEARCH;
+}
+
 /// Neither a dialog nor a debugger is to keep a worker that has crashed.
 void crashQuietly() {
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
     SetUnhandledExceptionFilter(leaveCrashed);
+    AddVectoredExceptionHandler(1, leaveWithoutStack);
     _set_error_mode(_OUT_TO_STDERR);
 }
 

@@ -60,6 +60,8 @@ public:
     /// Calls an export without arguments, DllCanUnloadNow say; E_NOINTERFACE when there is none of that name.
     HRESULT call(const char* name) const;
     HMODULE module() const { return m_module; }
+    /// The library stays loaded, and is the caller's to unload.
+    HMODULE release() { return std::exchange(m_module, nullptr); }
     /// S_OK when the library is gone, S_FALSE when it said that it is still in use and stays loaded.
     HRESULT unload();
 

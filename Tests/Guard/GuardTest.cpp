@@ -171,15 +171,12 @@ TEST_F(GuardTest, WorkersGoWithTheLibrary) {
     for (const bool politely : {true, false}) {
         expectPicture();
         EXPECT_TRUE(workersBecome(1));
-        const HMODULE module = GetModuleHandleW(L"Clipforge_Guard.dll");
         if (politely)
             m_library->unload();
         else
-            FreeLibrary(module);
+            FreeLibrary(m_library->release());
         EXPECT_EQ(nullptr, GetModuleHandleW(L"Clipforge_Guard.dll"));
         EXPECT_TRUE(workersBecome(0));
-        if (!politely)
-            static_cast<void>(m_library.release()); // what it would unload is gone
         load();
     }
 }

@@ -9,9 +9,9 @@
 
 #include <tlhelp32.h>
 
-/// The handles that this process holds. GetProcessHandleCount is not answered under Wine; the system's list
+/// The handles that a process holds. GetProcessHandleCount is not answered under Wine; the system's list
 /// of all handles is, and by both.
-inline int64_t countHandles() {
+inline int64_t countHandles(DWORD process = GetCurrentProcessId()) {
     struct List {
         uintptr_t count, reserved;
         struct {
@@ -25,10 +25,11 @@ inline int64_t countHandles() {
     const auto query = reinterpret_cast<LONG(WINAPI*)(int, void*, ULONG, ULONG*)>(
         reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
     if (DWORD count = 0; query(systemExtendedHandleInformation, &list, sizeof list, nullptr) < 0)
-        return GetProcessHandleCount(GetCurrentProcess(), &count) ? count : 0;
+        return process == GetCurrentProcessId() && GetProcessHandleCount(GetCurrentProcess(), &count) ? count
+                                                                                                      : 0;
     int64_t own = 0;
     for (uintptr_t i = 0; i < list.count; ++i)
-        own += list.entries[i].process == GetCurrentProcessId();
+        own += list.entries[i].process == process;
     return own;
 }
 
@@ -43,4 +44,16 @@ inline std::vector<DWORD> childProcesses(const std::wstring& program, DWORD pare
             found.push_back(entry.th32ProcessID);
     CloseHandle(all);
     return found;
+}
+
+/// The threads of this process.
+inline int64_t countThreads() {
+    int64_t count = 0;
+    const HANDLE all = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+    THREADENTRY32 entry = {};
+    entry.dwSize = sizeof entry;
+    for (BOOL more = Thread32First(all, &entry); more; more = Thread32Next(all, &entry))
+        count += entry.th32OwnerProcessID == GetCurrentProcessId();
+    CloseHandle(all);
+    return count;
 }

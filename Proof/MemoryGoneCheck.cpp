@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "EnvironmentVariable.h"
@@ -152,7 +153,27 @@ void tryRoad(const char* folder, bool withSlots, int64_t step, ProofTally& tally
                       });
 }
 
+/// More threads than the library keeps records for, one after the other and without unloading in between:
+/// what each throw took is there for the next.
+void tryThreads(ProofTally& tally) {
+    RuntimeExports exports;
+    const auto scenario =
+        makeThumbnailScenario({.handler = builtFile("bin"), .onLoad = [&](HMODULE) { exports.swap(); }});
+    exports.swap();
+    for (int number = 0; number < 200; ++number)
+        tally.attempt("no memory at all on thread " + std::to_string(number), [&] {
+            ScenarioOutcome outcome;
+            std::thread([&] {
+                scenario->onStart = [&] { g_allocations = g_firstToFail = number > 0; };
+                scenario->onEnd = [] { g_firstToFail = 0; };
+                outcome = scenario->run();
+            }).join();
+            return scenario->troubleAfter(outcome, number > 0 ? Expected::rightIfAny : Expected::picture);
+        });
+}
+
 void run(ProofForm form, ProofTally& tally) {
+    tryThreads(tally);
     const TemporaryFolder home;
     const EnvironmentVariable profile(L"USERPROFILE", home.path().c_str());
     const std::string settings = home.text("AppData\\Roaming\\Verdane\\Clipforge");

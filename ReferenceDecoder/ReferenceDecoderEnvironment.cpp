@@ -60,7 +60,7 @@ std::string cutOff(std::string_view& word, char mark) {
     const size_t place = word.rfind(mark);
     if (place == std::string_view::npos)
         return {};
-    const std::string tail(word.substr(place + 1));
+    std::string tail(word.substr(place + 1));
     word = word.substr(0, place);
     return tail;
 }

@@ -182,9 +182,9 @@ private:
 };
 } // namespace
 
-int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR arguments, int) {
+int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR lpCmdLine, int) {
     crashQuietly();
-    const std::optional<WorkerHandles> handles = parseWorkerArguments(arguments);
+    const std::optional<WorkerHandles> handles = parseWorkerArguments(lpCmdLine);
     if (!handles)
         leave(workerOfOtherVersion);
     startWatch(handles->guard);

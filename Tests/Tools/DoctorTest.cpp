@@ -306,5 +306,6 @@ TEST_F(Doctor, TellsAPersonAndAProgram) {
     EXPECT_NE(std::string::npos,
               json.output.find("{\"id\": \"clip-other-kind\", \"grade\": \"fault\", \"text\": \""))
         << json.output;
+    EXPECT_NE(std::string::npos, json.output.find("\\\\clip.braw is a JPEG")) << json.output;
 }
 } // namespace

@@ -27,6 +27,9 @@ using probe::Row;
 using probe::Stage;
 using probe::Verdict;
 
+/// Milliseconds until the first call: a busy machine takes its time to start a process.
+constexpr DWORD kStartPatience = 60'000;
+
 /// How the meeting ended, beside what the rows say.
 enum class End { complete, crashed, stoodStill, vanished };
 
@@ -194,7 +197,7 @@ private:
             if (progress != report.progress) {
                 progress = report.progress;
                 changed = GetTickCount64();
-            } else if (GetTickCount64() - changed > m_patience) {
+            } else if (GetTickCount64() - changed > (progress == 0 ? kStartPatience : m_patience)) {
                 m_child.terminate();
                 return report.isComplete ? End::complete : End::stoodStill;
             }

@@ -47,11 +47,18 @@ TEST_F(Picture, SizeFollowsTheDecodersResolutions) {
 TEST_F(Picture, EveryPixelIsTheSources) {
     const TestClip clip{61, 47}; // no side is a multiple of anything
     const std::wstring path = writeClip(clip);
-    m_decoder.setClipsHaveLut(true);
-    m_decoder.setGuardResources(true); // a LUT that went too early shows
     for (const uint32_t factor : {1u, 2u, 4u, 8u})
         expectPicture(ask(path, expectedSide(47, factor)), clip, factor);
-    EXPECT_EQ(4, m_decoder.account().jobsWithLut);
+}
+
+// Not through the guard: a worker's decoder gives its account to nobody.
+using PictureInProcess = Picture;
+TEST_F(PictureInProcess, OfAClipWithALut) {
+    const TestClip clip{61, 47};
+    m_decoder.setClipsHaveLut(true);
+    m_decoder.setGuardResources(true); // a LUT that went too early shows
+    expectPicture(ask(writeClip(clip), 47), clip, 1);
+    EXPECT_EQ(1, m_decoder.account().jobsWithLut);
 }
 
 // A clip may be stored turned, and a decoder tell its sizes before or after it turns them.

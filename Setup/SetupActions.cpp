@@ -2,6 +2,7 @@
 //
 // Windows Installer calls those of the first kind while it plans, with all properties at hand, and those of
 // the second when it changes the machine: they know only what was planned for them, in "CustomActionData".
+#include <algorithm>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -57,13 +58,13 @@ std::wstring hexadecimal(HRESULT code) {
 constexpr wchar_t between = L'|';
 using Plan = std::vector<std::wstring>;
 
-/// The plan's first `count` texts; those that it does not have are empty.
+/// The plan's texts, at least `count`: those that it does not have are empty.
 Plan planOf(MSIHANDLE setup, size_t count) {
     std::wistringstream data(property(setup, L"CustomActionData"));
     Plan plan;
     for (std::wstring text; std::getline(data, text, between);)
         plan.push_back(text);
-    plan.resize(count);
+    plan.resize(std::max(count, plan.size()));
     return plan;
 }
 
@@ -116,6 +117,30 @@ std::wstring findDecoder(const std::wstring& previous) {
     return {};
 }
 
+/// The package's files as texts "name?size".
+Plan packedFiles(MSIHANDLE setup) {
+    Plan files;
+    PMSIHANDLE view;
+    MsiDatabaseOpenViewW(MsiGetActiveDatabase(setup), L"SELECT `FileName`, `FileSize` FROM `File`", &view);
+    MsiViewExecute(view, 0);
+    for (PMSIHANDLE row; MsiViewFetch(view, &row) == ERROR_SUCCESS;) {
+        wchar_t name[MAX_PATH];
+        DWORD length = MAX_PATH;
+        if (MsiRecordGetStringW(row, 1, name, &length) == ERROR_SUCCESS)
+            files.push_back(std::wstring(name) + L"?" + std::to_wstring(MsiRecordGetInteger(row, 2)));
+    }
+    return files;
+}
+
+/// Whether a file that packedFiles has told of lies whole in `folder`. A disk that is full can go unnoticed
+/// until then.
+bool isWhole(const std::wstring& folder, const std::wstring& packed) {
+    const size_t at = packed.find(L'?');
+    WIN32_FILE_ATTRIBUTE_DATA file = {};
+    return GetFileAttributesExW((folder + packed.substr(0, at)).c_str(), GetFileExInfoStandard, &file) &&
+           std::to_wstring(file.nFileSizeLow) == packed.substr(at + 1);
+}
+
 HRESULT planDecoder(MSIHANDLE setup, const std::wstring& target, const std::wstring& previous) {
     const std::wstring asked = property(setup, L"DECODERFOLDER");
     if (!asked.empty() && !holdsDecoder(asked)) {
@@ -161,11 +186,13 @@ __declspec(dllexport) UINT WINAPI PrepareSetup(MSIHANDLE setup) {
         const std::wstring installed = installedFolder(setup);
         const std::wstring folder = installed.empty() ? property(setup, L"VERSIONFOLDER") : installed;
         const std::wstring previous = registeredFolder(scope);
-        plan(setup, L"RegisterHandler", {scopeText, folder});
+        Plan registering = packedFiles(setup);
+        registering.insert(registering.begin(), {scopeText, folder});
+        plan(setup, L"RegisterHandler", registering);
         plan(setup, L"UndoRegisterHandler", {scopeText, folder, previous});
-        plan(setup, L"UnregisterHandler", {scopeText});
+        plan(setup, L"UnregisterHandler", {scopeText, folder});
         plan(setup, L"UndoUnregisterHandler", {scopeText, folder});
-        plan(setup, L"DropDecoder", {removing ? folder : previous});
+        plan(setup, L"DropDecoder", {scopeText, folder});
         return removing ? S_OK : planDecoder(setup, folder, previous);
     });
 }
@@ -183,9 +210,16 @@ __declspec(dllexport) UINT WINAPI TakeDecoder(MSIHANDLE setup) {
     });
 }
 
+/// Changing: nothing is registered that is not there.
 __declspec(dllexport) UINT WINAPI RegisterHandler(MSIHANDLE setup) {
     return guardAction([setup] {
         const Plan plan = planOf(setup, 2);
+        for (size_t i = 2; i < plan.size(); ++i)
+            if (!isWhole(plan[1], plan[i])) {
+                tell(setup, INSTALLMESSAGE_ERROR,
+                     L"Not all files could be written to " + plan[1] + L". Is the disk full?");
+                return E_FAIL;
+            }
         const HRESULT hr = registerHandler(plan[1], scopeNamed(plan[0]));
         if (FAILED(hr))
             tell(setup, INSTALLMESSAGE_ERROR,
@@ -206,10 +240,16 @@ __declspec(dllexport) UINT WINAPI UndoRegisterHandler(MSIHANDLE setup) {
     });
 }
 
-/// A failure is told and stops nothing: whoever removes a program wants it gone.
+/// A failure is told and stops nothing: whoever removes a program wants it gone. When a newer version has
+/// taken over, the registration is that one's.
 __declspec(dllexport) UINT WINAPI UnregisterHandler(MSIHANDLE setup) {
     return guardAction([setup] {
-        const HRESULT hr = unregisterHandler(scopeNamed(planOf(setup, 1)[0]));
+        const Plan plan = planOf(setup, 2);
+        const Scope scope = scopeNamed(plan[0]);
+        const std::wstring registered = registeredFolder(scope);
+        if (!registered.empty() && registered != plan[1])
+            return S_OK;
+        const HRESULT hr = unregisterHandler(scope);
         if (FAILED(hr))
             tell(setup, INSTALLMESSAGE_INFO,
                  L"The thumbnail handler's registration could not be removed: " + hexadecimal(hr));
@@ -217,11 +257,14 @@ __declspec(dllexport) UINT WINAPI UnregisterHandler(MSIHANDLE setup) {
     });
 }
 
-/// When all has worked: the copy of the decoder library in the folder of the version that went, and the
-/// folders that are empty without it.
+/// When all has worked: the copy of the decoder library in the folder of a version that goes, and the folders
+/// that are empty without it. Another build of the same version lives on in the same folder.
 __declspec(dllexport) UINT WINAPI DropDecoder(MSIHANDLE setup) {
     return guardAction([setup] {
-        const std::wstring folder = planOf(setup, 1)[0];
+        const Plan plan = planOf(setup, 2);
+        const std::wstring& folder = plan[1];
+        if (registeredFolder(scopeNamed(plan[0])) == folder)
+            return S_OK;
         DeleteFileW(decoderIn(folder).c_str());
         RemoveDirectoryW(folder.c_str());
         RemoveDirectoryW(parentOf(folder).c_str());

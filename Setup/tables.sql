@@ -31,19 +31,20 @@ INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('Regis
 INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('DropDecoder', 3649, 'Setup', 'DropDecoder')
 INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('TellAboutDecoder', 65, 'Setup', 'TellAboutDecoder')
 
--- An older version goes at the start of the same transaction, and leaves registration and decoder library to this one.
+-- An older version goes at the end of the same transaction, when this one has taken over registration and decoder library.
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('FindRelatedProducts', '', 25)
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('LaunchConditions', '', 100)
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('ChooseFolder', '', 790)
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('PrepareSetup', '', 1010)
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('MigrateFeatureStates', '', 1200)
-INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('RemoveExistingProducts', '', 1510)
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('UndoUnregisterHandler', 'REMOVE="ALL" AND NOT UPGRADINGPRODUCTCODE', 2000)
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('UnregisterHandler', 'REMOVE="ALL" AND NOT UPGRADINGPRODUCTCODE', 2010)
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('UndoRegisterHandler', 'NOT REMOVE', 4010)
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('TakeDecoder', 'TakeDecoder AND NOT REMOVE', 4020)
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('RegisterHandler', 'NOT REMOVE', 4030)
-INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('DropDecoder', 'OLDERFOUND OR (REMOVE="ALL" AND NOT UPGRADINGPRODUCTCODE)', 4040)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('DropDecoder', 'REMOVE="ALL"', 4040)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('InstallExecute', '', 6500)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('RemoveExistingProducts', '', 6550)
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('TellAboutDecoder', 'NOT REMOVE', 6610)
 
 -- The folders go with what was put into them.

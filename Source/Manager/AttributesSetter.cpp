@@ -2,8 +2,10 @@
 
 #include <cstring>
 #include <string>
+#include <variant>
 
 #include "Failure.h"
+#include "ProcessingAttributes.h"
 #include "Utils/vdLogging.h"
 #include "Utils/vdResult.h"
 #include "Utils/vdText.h"
@@ -130,74 +132,42 @@ BSTR wideText(const char (&field)[size]) {
     return SysAllocStringLen(wide.data(), static_cast<UINT>(wide.size()));
 }
 
-/// Sends one value after the other until one fails.
-class ClipSender {
-public:
-    explicit ClipSender(IBlackmagicRawClipProcessingAttributes* attributes) : m_attributes(attributes) {}
+template <class Value>
+Value sendable(const Value& value) {
+    return value;
+}
+template <std::size_t size>
+BSTR sendable(const char (&field)[size]) {
+    return wideText(field);
+}
 
-    template <class Value>
-    void send(std::string_view name, BlackmagicRawClipProcessingAttribute code, Value value) {
-        if (!m_status.failed)
-            setAttribute(value, {code, noFrameCode, name}, m_attributes, nullptr, m_status);
+/// Sends one value after the other until one fails: set(value, row, status).
+template <class Settings, class Rows, class Set>
+vdStatus sendAll(const Rows& rows, const Settings& settings, bool withToneCurve, const Set& set) {
+    vdStatus status;
+    for (const auto& row : rows) {
+        if (row.isOfToneCurve && !withToneCurve)
+            continue;
+        std::visit([&](auto field) { set(sendable(settings.*field), row, status); }, row.field);
+        if (status.failed)
+            break;
     }
-    template <std::size_t size>
-    void sendText(std::string_view name, BlackmagicRawClipProcessingAttribute code,
-                  const char (&field)[size]) {
-        if (!m_status.failed)
-            send(name, code, wideText(field));
-    }
-    const vdStatus& status() const { return m_status; }
-
-private:
-    IBlackmagicRawClipProcessingAttributes* m_attributes;
-    vdStatus m_status;
-};
-
-class FrameSender {
-public:
-    explicit FrameSender(IBlackmagicRawFrameProcessingAttributes* attributes) : m_attributes(attributes) {}
-
-    template <class Value>
-    void send(std::string_view name, BlackmagicRawFrameProcessingAttribute code, Value value) {
-        if (!m_status.failed)
-            setAttribute(value, {noClipCode, code, name}, nullptr, m_attributes, m_status);
-    }
-    const vdStatus& status() const { return m_status; }
-
-private:
-    IBlackmagicRawFrameProcessingAttributes* m_attributes;
-    vdStatus m_status;
-};
+    return status;
+}
 } // namespace
 
 vdStatus applyClipSettings(IBlackmagicRawClipProcessingAttributes* attributes,
                            const brClipProcessingSettings& settings) {
-    ClipSender sender(attributes);
-    sender.send("ColorScience", blackmagicRawClipColorScienceGen, settings.colorScience);
-    sender.sendText("Gamut", blackmagicRawClipGamut, settings.gamut);
-    sender.send("Gamut Compression", blackmagicRawClipGamutCompression, settings.gamutCompression);
-    sender.sendText("Gamma", blackmagicRawClipGamma, settings.gamma);
-    if (hasCustomGamma(settings)) {
-        sender.send("Contrast", blackmagicRawClipToneCurveContrast, settings.contrast);
-        sender.send("Saturation", blackmagicRawClipToneCurveSaturation, settings.saturation);
-        sender.send("Midpoint", blackmagicRawClipToneCurveMidpoint, settings.midpoint);
-        sender.send("Highlights", blackmagicRawClipToneCurveHighlights, settings.highlights);
-        sender.send("Shadows", blackmagicRawClipToneCurveShadows, settings.shadows);
-        sender.send("WhiteLvl", blackmagicRawClipToneCurveWhiteLevel, settings.whiteLevel);
-        sender.send("BlackLvl", blackmagicRawClipToneCurveBlackLevel, settings.blackLevel);
-        sender.send("Video BlackLvl", blackmagicRawClipToneCurveVideoBlackLevel, settings.videoBlackLevel);
-    }
-    sender.send("Highlight Recovery", blackmagicRawClipHighlightRecovery, settings.highlightRecovery);
-    sender.sendText("LutMode", blackmagicRawClipLUTMode, settings.lutMode);
-    return sender.status();
+    return sendAll(brClipSettings, settings, hasCustomGamma(settings),
+                   [&](auto value, const brClipSetting& row, vdStatus& status) {
+                       setAttribute(value, {row.code, noFrameCode, row.name}, attributes, nullptr, status);
+                   });
 }
 
 vdStatus applyFrameSettings(IBlackmagicRawFrameProcessingAttributes* attributes,
                             const brFrameProcessingSettings& settings) {
-    FrameSender sender(attributes);
-    sender.send("ISO", blackmagicRawFrameISO, settings.iso);
-    sender.send("Color Temp", blackmagicRawFrameWhiteBalanceKelvin, settings.colorTemp);
-    sender.send("Tint", blackmagicRawFrameWhiteBalanceTint, settings.tint);
-    sender.send("Exposure", blackmagicRawFrameExposure, settings.exposure);
-    return sender.status();
+    return sendAll(brFrameSettings, settings, true,
+                   [&](auto value, const brFrameSetting& row, vdStatus& status) {
+                       setAttribute(value, {noClipCode, row.code, row.name}, nullptr, attributes, status);
+                   });
 }

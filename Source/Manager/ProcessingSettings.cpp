@@ -1,12 +1,27 @@
 #include "ProcessingSettings.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 
+#include "ProcessingAttributes.h"
+
 namespace {
 template <std::size_t size>
-bool sameText(const char (&a)[size], const char (&b)[size]) {
+bool same(const char (&a)[size], const char (&b)[size]) {
     return std::strncmp(a, b, size) == 0;
+}
+template <class Number>
+bool same(const Number& a, const Number& b) {
+    return a == b;
+}
+
+template <class Settings, class Rows>
+bool sameIn(const Rows& rows, const Settings& a, const Settings& b, bool withToneCurve) {
+    return std::ranges::all_of(rows, [&](const auto& row) {
+        return (row.isOfToneCurve && !withToneCurve) ||
+               std::visit([&](auto field) { return same(a.*field, b.*field); }, row.field);
+    });
 }
 } // namespace
 
@@ -15,17 +30,9 @@ bool hasCustomGamma(const brClipProcessingSettings& settings) {
 }
 
 bool sameSettings(const brClipProcessingSettings& a, const brClipProcessingSettings& b) {
-    if (a.colorScience != b.colorScience || !sameText(a.gamut, b.gamut) ||
-        a.gamutCompression != b.gamutCompression || !sameText(a.gamma, b.gamma))
-        return false;
-    const bool sameToneCurve = a.saturation == b.saturation && a.contrast == b.contrast &&
-                               a.midpoint == b.midpoint && a.highlights == b.highlights &&
-                               a.shadows == b.shadows && a.whiteLevel == b.whiteLevel &&
-                               a.blackLevel == b.blackLevel && a.videoBlackLevel == b.videoBlackLevel;
-    return (sameToneCurve || !hasCustomGamma(a)) && a.highlightRecovery == b.highlightRecovery &&
-           sameText(a.lutMode, b.lutMode);
+    return sameIn(brClipSettings, a, b, hasCustomGamma(a));
 }
 
 bool sameSettings(const brFrameProcessingSettings& a, const brFrameProcessingSettings& b) {
-    return a.iso == b.iso && a.colorTemp == b.colorTemp && a.tint == b.tint && a.exposure == b.exposure;
+    return sameIn(brFrameSettings, a, b, true);
 }

@@ -26,49 +26,6 @@ constexpr PixelFormatRow pixelFormats[] = {
     {"RGBA_8_UP", 4},  {"BGRA_8_UP", 4},   {"RGB_8_UP", 3},     {"-NONE-", 0},
 };
 
-constexpr uint32_t noConversion = 0;
-constexpr BlackmagicRawResourceFormat noResourceFormat = 0;
-
-/// Which conversion brings a resource format into a pixel format, plainly and with a downscale.
-struct ConversionRow {
-    brPixelFormat format;
-    BlackmagicRawResourceFormat resourceFormat;
-    uint32_t plain;
-    uint32_t downscaled;
-};
-
-constexpr ConversionRow conversions[] = {
-    {brPixelFormat::ARGB_8_LOW, blackmagicRawResourceFormatRGBAU8, 2, noConversion},
-    {brPixelFormat::ARGB_16_LOW, noResourceFormat, 3, noConversion},
-    {brPixelFormat::ARGB_32_LOW, noResourceFormat, 8, noConversion},
-    {brPixelFormat::BGRA_8_LOW, blackmagicRawResourceFormatBGRAU8, 1, 15},
-    {brPixelFormat::BGRA_16_LOW, blackmagicRawResourceFormatBGRAU16, 4, 16},
-    {brPixelFormat::BGRA_32_LOW, blackmagicRawResourceFormatBGRAF32, 7, 17},
-    {brPixelFormat::ARGB_8_UP, blackmagicRawResourceFormatRGBAU8, 12, 9},
-    {brPixelFormat::ARGB_16_UP, blackmagicRawResourceFormatRGBAU16, 13, 10},
-    {brPixelFormat::ARGB_32_UP, blackmagicRawResourceFormatRGBF32, 14, 11},
-    {brPixelFormat::BGRA_16_UP, blackmagicRawResourceFormatBGRAF32, 18, noConversion},
-    {brPixelFormat::BGRA_32_UP, blackmagicRawResourceFormatBGRAF32, 19, 20},
-    {brPixelFormat::RGBA_8_UP, blackmagicRawResourceFormatRGBAU8, 21, 22},
-    {brPixelFormat::BGRA_8_UP, blackmagicRawResourceFormatBGRAU8, 23, noConversion},
-};
-
-struct ResourceFormatRow {
-    BlackmagicRawResourceFormat format;
-    uint8_t bytesPerPixel;
-};
-
-constexpr ResourceFormatRow resourceFormats[] = {
-    {blackmagicRawResourceFormatRGBAU8, 4},   {blackmagicRawResourceFormatBGRAU8, 4},
-    {blackmagicRawResourceFormatRGBAU16, 8},  {blackmagicRawResourceFormatBGRAU16, 8},
-    {blackmagicRawResourceFormatRGBU16, 6},   {blackmagicRawResourceFormatRGBU16Planar, 6},
-    {blackmagicRawResourceFormatRGBF32, 12},  {blackmagicRawResourceFormatRGBF32Planar, 12},
-    {blackmagicRawResourceFormatBGRAF32, 16},
-};
-
-/// Conversions whose result is laid out as the decoder itself writes it.
-constexpr uint32_t directConversions = 1u << 1 | 1u << 7 | 1u << 19 | 1u << 21 | 1u << 23;
-
 float scaleOf(const brScaleRequest& request) {
     if (request.scale == 0 && request.asked != 0)
         return static_cast<float>(request.full) / static_cast<float>(request.asked);
@@ -247,35 +204,6 @@ vdStatus vdBRAW_Request::setup(uint64_t clipId, uint64_t frameCount, void* final
         m_bufferManager->setAllocatedProcessedBuffer(finalBuffer,
                                                      m_height * static_cast<uint32_t>(m_rowBytes));
     return {};
-}
-
-vdStatus vdBRAW_Request::deriveFormats() {
-    const auto* const row = std::find_if(std::begin(conversions), std::end(conversions),
-                                         [&](const ConversionRow& r) { return r.format == m_pixelFormat; });
-    const uint32_t conversion =
-        row == std::end(conversions) ? noConversion : (m_downscale ? row->downscaled : row->plain);
-    if (conversion == noConversion)
-        return vdFailure((m_downscale ? "No implemented yet : Downscale and targetPixel "
-                                      : "No implemented yet : targetPixel ") +
-                         pixelFormatName(m_pixelFormat));
-    m_pxlConvAlgo = conversion;
-    m_resourceFormat = row->resourceFormat;
-    const auto* const resource =
-        std::find_if(std::begin(resourceFormats), std::end(resourceFormats),
-                     [&](const ResourceFormatRow& r) { return r.format == m_resourceFormat; });
-    if (resource == std::end(resourceFormats))
-        return vdFailure("Unknown BM Pixel format");
-    m_resourceBytesPerPixel = resource->bytesPerPixel;
-    return {};
-}
-
-bool vdBRAW_Request::canDeliverDirectly(const void* finalBuffer) const {
-    const uint64_t rowBytes = uint64_t{pixelFormatBytes(m_pixelFormat)} * m_width;
-    const brRect whole = {0, 0, static_cast<int32_t>(m_width), static_cast<int32_t>(m_height)};
-    return !m_downscale && !m_isOver && finalBuffer && m_rowBytes > 0 &&
-           rowBytes == static_cast<uint64_t>(m_rowBytes) && rowBytes * m_height <= UINT32_MAX &&
-           !m_bufferManager->m_isGPU && m_renderRect == whole && m_pxlConvAlgo < 24 &&
-           (directConversions >> m_pxlConvAlgo & 1);
 }
 
 void vdBRAW_Request::cloneProcessingAttributes(const vdBRAW_Clip& clip) {

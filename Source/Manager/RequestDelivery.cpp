@@ -1,4 +1,4 @@
-// Delivery: from the processed image to the final one.
+// Delivery: which conversion brings the processed image into the final one, and the conversions.
 #include "Request.h"
 
 #include <algorithm>
@@ -289,33 +289,105 @@ void refuseGpuConversion(Delivery& delivery) {
                      << "This m_pxlConvAlgo should be only GPU : " << delivery.request.m_pxlConvAlgo);
 }
 
-struct DeliveryRow {
-    uint32_t conversion;
-    void (*deliver)(Delivery&);
+constexpr BlackmagicRawResourceFormat noResourceFormat = 0;
+
+/// A way from a processed image to a final one. The number is what requests carry and the log shows.
+struct Conversion {
+    uint32_t number;
+    brPixelFormat format;
+    enum Size { plain, downscaled } size;
+    BlackmagicRawResourceFormat resourceFormat;
+    enum Layout { converted, direct } layout; ///< direct: as the decoder itself writes it
+    void (*deliver)(Delivery&);               ///< null: there is none so far
 };
 
-constexpr DeliveryRow deliveries[] = {
-    {1, copyRows},
-    {2, copyRowsFlippedAsArgb8},
-    {4, convertRowsBgra16},
-    {7, copyRegion},
-    {9, HeavyProcessing_Downscale<4, sampleRgba8ToArgb8>},
-    {10, HeavyProcessing_Downscale<8, sampleRgba16ToArgb16>},
-    {11, HeavyProcessing_Downscale<16, sampleRgbFloatToArgb>},
-    {12, copyRegionAsArgb8},
-    {13, convertRegionArgb16},
-    {14, convertRegionArgbFloat},
-    {15, HeavyProcessing_Downscale<4, sample4Bytes>},
-    {16, HeavyProcessing_Downscale<8, sampleBgra16>},
-    {17, HeavyProcessing_Downscale<16, sample16Bytes>},
-    {18, refuseGpuConversion},
-    {19, refuseGpuConversion},
-    {20, refuseGpuConversion},
-    {21, copyRows},
-    {22, HeavyProcessing_Downscale<4, sample4Bytes>},
+constexpr auto plain = Conversion::plain, downscaled = Conversion::downscaled;
+constexpr auto converted = Conversion::converted, direct = Conversion::direct;
+constexpr Conversion conversions[] = {
+    {1, brPixelFormat::BGRA_8_LOW, plain, blackmagicRawResourceFormatBGRAU8, direct, copyRows},
+    {2, brPixelFormat::ARGB_8_LOW, plain, blackmagicRawResourceFormatRGBAU8, converted,
+     copyRowsFlippedAsArgb8},
+    {3, brPixelFormat::ARGB_16_LOW, plain, noResourceFormat, converted, nullptr},
+    {4, brPixelFormat::BGRA_16_LOW, plain, blackmagicRawResourceFormatBGRAU16, converted, convertRowsBgra16},
+    {7, brPixelFormat::BGRA_32_LOW, plain, blackmagicRawResourceFormatBGRAF32, direct, copyRegion},
+    {8, brPixelFormat::ARGB_32_LOW, plain, noResourceFormat, converted, nullptr},
+    {9, brPixelFormat::ARGB_8_UP, downscaled, blackmagicRawResourceFormatRGBAU8, converted,
+     HeavyProcessing_Downscale<4, sampleRgba8ToArgb8>},
+    {10, brPixelFormat::ARGB_16_UP, downscaled, blackmagicRawResourceFormatRGBAU16, converted,
+     HeavyProcessing_Downscale<8, sampleRgba16ToArgb16>},
+    {11, brPixelFormat::ARGB_32_UP, downscaled, blackmagicRawResourceFormatRGBF32, converted,
+     HeavyProcessing_Downscale<16, sampleRgbFloatToArgb>},
+    {12, brPixelFormat::ARGB_8_UP, plain, blackmagicRawResourceFormatRGBAU8, converted, copyRegionAsArgb8},
+    {13, brPixelFormat::ARGB_16_UP, plain, blackmagicRawResourceFormatRGBAU16, converted,
+     convertRegionArgb16},
+    {14, brPixelFormat::ARGB_32_UP, plain, blackmagicRawResourceFormatRGBF32, converted,
+     convertRegionArgbFloat},
+    {15, brPixelFormat::BGRA_8_LOW, downscaled, blackmagicRawResourceFormatBGRAU8, converted,
+     HeavyProcessing_Downscale<4, sample4Bytes>},
+    {16, brPixelFormat::BGRA_16_LOW, downscaled, blackmagicRawResourceFormatBGRAU16, converted,
+     HeavyProcessing_Downscale<8, sampleBgra16>},
+    {17, brPixelFormat::BGRA_32_LOW, downscaled, blackmagicRawResourceFormatBGRAF32, converted,
+     HeavyProcessing_Downscale<16, sample16Bytes>},
+    {18, brPixelFormat::BGRA_16_UP, plain, blackmagicRawResourceFormatBGRAF32, converted,
+     refuseGpuConversion},
+    {19, brPixelFormat::BGRA_32_UP, plain, blackmagicRawResourceFormatBGRAF32, direct, refuseGpuConversion},
+    {20, brPixelFormat::BGRA_32_UP, downscaled, blackmagicRawResourceFormatBGRAF32, converted,
+     refuseGpuConversion},
+    {21, brPixelFormat::RGBA_8_UP, plain, blackmagicRawResourceFormatRGBAU8, direct, copyRows},
+    {22, brPixelFormat::RGBA_8_UP, downscaled, blackmagicRawResourceFormatRGBAU8, converted,
+     HeavyProcessing_Downscale<4, sample4Bytes>},
+    {23, brPixelFormat::BGRA_8_UP, plain, blackmagicRawResourceFormatBGRAU8, direct, nullptr},
+};
+
+const Conversion* findConversion(uint32_t number) {
+    const auto* const row = std::find_if(std::begin(conversions), std::end(conversions),
+                                         [&](const Conversion& r) { return r.number == number; });
+    return row == std::end(conversions) ? nullptr : row;
+}
+
+struct ResourceFormatRow {
+    BlackmagicRawResourceFormat format;
+    uint8_t bytesPerPixel;
+};
+
+constexpr ResourceFormatRow resourceFormats[] = {
+    {blackmagicRawResourceFormatRGBAU8, 4},   {blackmagicRawResourceFormatBGRAU8, 4},
+    {blackmagicRawResourceFormatRGBAU16, 8},  {blackmagicRawResourceFormatBGRAU16, 8},
+    {blackmagicRawResourceFormatRGBU16, 6},   {blackmagicRawResourceFormatRGBU16Planar, 6},
+    {blackmagicRawResourceFormatRGBF32, 12},  {blackmagicRawResourceFormatRGBF32Planar, 12},
+    {blackmagicRawResourceFormatBGRAF32, 16},
 };
 
 } // namespace
+
+vdStatus vdBRAW_Request::deriveFormats() {
+    const auto* const row =
+        std::find_if(std::begin(conversions), std::end(conversions), [&](const Conversion& r) {
+            return r.format == m_pixelFormat && r.size == (m_downscale ? downscaled : plain);
+        });
+    if (row == std::end(conversions))
+        return vdFailure((m_downscale ? "No implemented yet : Downscale and targetPixel "
+                                      : "No implemented yet : targetPixel ") +
+                         pixelFormatName(m_pixelFormat));
+    m_pxlConvAlgo = row->number;
+    m_resourceFormat = row->resourceFormat;
+    const auto* const resource =
+        std::find_if(std::begin(resourceFormats), std::end(resourceFormats),
+                     [&](const ResourceFormatRow& r) { return r.format == m_resourceFormat; });
+    if (resource == std::end(resourceFormats))
+        return vdFailure("Unknown BM Pixel format");
+    m_resourceBytesPerPixel = resource->bytesPerPixel;
+    return {};
+}
+
+bool vdBRAW_Request::canDeliverDirectly(const void* finalBuffer) const {
+    const Conversion* const conversion = findConversion(m_pxlConvAlgo);
+    const uint64_t rowBytes = uint64_t{pixelFormatBytes(m_pixelFormat)} * m_width;
+    const brRect whole = {0, 0, static_cast<int32_t>(m_width), static_cast<int32_t>(m_height)};
+    return conversion && conversion->layout == direct && !m_downscale && !m_isOver && finalBuffer &&
+           m_rowBytes > 0 && rowBytes == static_cast<uint64_t>(m_rowBytes) &&
+           rowBytes * m_height <= UINT32_MAX && !m_bufferManager->m_isGPU && m_renderRect == whole;
+}
 
 vdStatus vdBRAW_Request::HeavyProcessing() {
     if (!m_isEnabled)
@@ -337,13 +409,12 @@ vdStatus vdBRAW_Request::HeavyProcessing() {
     DELIVERY_LOG(info, __func__,
                  identity() << "Final Buffer to Copy ! PXAL: " << m_pxlConvAlgo << " RB:" << m_rowBytes
                             << " W:" << m_width << " PX: " << pixelFormatName(m_pixelFormat));
-    const auto* const row = std::find_if(std::begin(deliveries), std::end(deliveries),
-                                         [&](const DeliveryRow& r) { return r.conversion == m_pxlConvAlgo; });
-    if (row == std::end(deliveries)) {
+    const Conversion* const conversion = findConversion(m_pxlConvAlgo);
+    if (!conversion || !conversion->deliver) {
         DELIVERY_LOG(error, __func__, identity() << "Pixel Format / Conversion not implemented !");
     } else {
         Delivery delivery(*this);
-        row->deliver(delivery);
+        conversion->deliver(delivery);
         status = delivery.status;
     }
     DELIVERY_LOG(info, __func__,

@@ -2,12 +2,14 @@
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include <gtest/gtest.h>
 #include <wrl/client.h>
 
 #include "Attributes.h"
 #include "AttributesSetter.h"
+#include "Imports.h"
 #include "LogSession.h"
 #include "ProcessingVocabulary.h"
 #include "ReferenceDecoderSession.h"
@@ -26,6 +28,46 @@ void fill(char (&field)[size], std::string_view text) {
     std::memset(field, 0, size);
     std::memcpy(field, text.data(), std::min(size, text.size()));
 }
+
+/// The texts that went out through this program's imports and have not come back. One that comes back twice
+/// counts as below none.
+class TextAccount {
+public:
+    TextAccount() {
+        s_balance = 0;
+        for (Import& import : s_imports) {
+            import.slot = importSlot(GetModuleHandleW(nullptr), import.name);
+            import.original = setImport(import.slot, import.stand);
+        }
+    }
+    ~TextAccount() {
+        for (const Import& import : s_imports)
+            setImport(import.slot, import.original);
+        EXPECT_EQ(s_balance, 0) << "texts";
+    }
+    TextAccount(const TextAccount&) = delete;
+    TextAccount& operator=(const TextAccount&) = delete;
+
+private:
+    struct Import {
+        const char* name;
+        void* stand;
+        void** slot;
+        void* original;
+    };
+    static BSTR WINAPI allocate(const OLECHAR* text, UINT length) {
+        ++s_balance;
+        return reinterpret_cast<decltype(&allocate)>(s_imports[0].original)(text, length);
+    }
+    static HRESULT WINAPI clear(VARIANTARG* variant) {
+        s_balance -= variant->vt == VT_BSTR && variant->bstrVal != nullptr;
+        return reinterpret_cast<decltype(&clear)>(s_imports[1].original)(variant);
+    }
+    static inline int s_balance = 0;
+    static inline Import s_imports[] = {
+        {"SysAllocStringLen", reinterpret_cast<void*>(&allocate), nullptr, nullptr},
+        {"VariantClear", reinterpret_cast<void*>(&clear), nullptr, nullptr}};
+};
 
 class AttributesSetterTest : public testing::Test {
 protected:
@@ -53,6 +95,7 @@ protected:
         return text;
     }
 
+    const TextAccount m_texts;
     ReferenceDecoderSession m_session;
     Microsoft::WRL::ComPtr<reference::ClipAttributes> m_clip;
     Microsoft::WRL::ComPtr<reference::FrameAttributes> m_frame;
@@ -166,28 +209,35 @@ TEST_F(AttributesSetterTest, MissingObjectsAndStringsFail) {
     EXPECT_NE(log.lines()[0].find("Clip and Frame Processing Attribute are nullptr !!"), std::string::npos);
 }
 
-// Requests are shared between hosts by their settings: equal is what processes alike.
-TEST(ProcessingSettingsTest, ToneCurveCountsUnderTheCustomGammaAlone) {
-    brClipProcessingSettings a;
-    brClipProcessingSettings b;
-    b.shadows = 0.5f;
-    EXPECT_TRUE(sameSettings(a, b));
-    fill(a.gamma, brCustomGamma);
-    fill(b.gamma, brCustomGamma);
-    EXPECT_FALSE(sameSettings(a, b));
-    a = b = {};
-    fill(a.lutMode, std::string(12, 'l'));
-    fill(b.lutMode, std::string(11, 'l') + 'm');
-    EXPECT_FALSE(sameSettings(a, b)) << "the field's last character counts";
-    EXPECT_TRUE(sameSettings(brFrameProcessingSettings{}, {.hostNumber = 1, .hostValue = 2}));
-    EXPECT_FALSE(sameSettings(brFrameProcessingSettings{}, {.tint = 11}));
-}
-
-// Codes are places in the lists, so nothing may move.
-TEST(ProcessingVocabularyTest, NamesStandAtTheirCodes) {
-    EXPECT_EQ(brWhiteBalanceNames[5], "Fluoresent");
-    EXPECT_EQ(brIsoNames[4], "12000");
-    EXPECT_EQ(brGamutNames[1], brGammaNames[8]);
-    EXPECT_EQ(brGammaNames[3], brCustomGamma);
+// Hosts and presets keep these names and codes: not one may move or change by mistake.
+TEST(ProcessingVocabularyTest, NothingHasChanged) {
+    std::string all;
+    const auto add = [&](const auto&... names) {
+        const auto addList = [&](const auto& list) {
+            for (const std::string_view name : list)
+                all.append(name) += '|';
+            all += '\n';
+        };
+        (addList(names), ...);
+    };
+    add(brColorScienceNames, brGamutNames, brGammaNames, brWhiteBalanceNames, brLutSourceNames, brIsoNames,
+        brPresetKindNames);
+    for (const uint16_t generation : brColorScienceGenerations)
+        all += std::to_string(generation) + "|";
+    for (const auto& [preset, kelvin, tint] : brWhiteBalances)
+        all += std::to_string(preset) + " " + std::to_string(kelvin) + " " + std::to_string(tint) + "|";
+    for (const brParameter& parameter : brParameters) {
+        all.append("\n").append(parameter.name);
+        for (const double figure :
+             {static_cast<double>(parameter.kind), parameter.defaultValue, parameter.minimum,
+              parameter.maximum, static_cast<double>(parameter.hostFlag), parameter.hostFigureA,
+              parameter.hostFigureB})
+            all += " " + std::to_string(figure);
+        add(parameter.choices);
+    }
+    uint32_t checksum = 2166136261u;
+    for (const char character : all)
+        checksum = (checksum ^ static_cast<uint8_t>(character)) * 16777619u;
+    EXPECT_EQ(checksum, 1647664226u) << all;
 }
 } // namespace

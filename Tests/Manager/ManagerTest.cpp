@@ -1,6 +1,9 @@
 // The manager, its clips and its queue.
 #include "DecodeCoreFixture.h"
 
+#include <algorithm>
+#include <tuple>
+
 #include "Utils/vdResult.h"
 
 namespace {
@@ -160,6 +163,37 @@ TEST_F(ManagerTest, ClipOpeningNamesWhatFailed) {
     vdBRAW_Clip cut(0, "C:\\half a character \xF0\x9F");
     EXPECT_EQ(cut.openAndInit(codec.Get(), nullptr).text(),
               "Impossible to open Clip with Library ! " + hresultText(E_INVALIDARG));
+
+    // Every fact is the clip's own.
+    writeClip("facts.braw", {.width = 97, .height = 33, .frames = 3, .framesPerSecond = "23.976"});
+    vdBRAW_Clip facts(5, m_folder.text("facts.braw"));
+    EXPECT_TRUE(facts.doesNeedToBeReloaded());
+    EXPECT_FALSE(facts.openAndInit(codec.Get(), nullptr).failed);
+    EXPECT_TRUE(facts.m_isOpened && facts.m_id == 5 && facts.m_width == 97 && facts.m_height == 33);
+    EXPECT_EQ(facts.m_frameCount, 3u);
+    EXPECT_FLOAT_EQ(facts.m_frameRate, 23.976f);
+    constexpr std::tuple<uint32_t, uint32_t, BlackmagicRawResolutionScale> resolutions[] = {
+        {97, 33, blackmagicRawResolutionScaleFull},
+        {49, 17, blackmagicRawResolutionScaleHalf},
+        {25, 9, blackmagicRawResolutionScaleQuarter},
+        {13, 5, blackmagicRawResolutionScaleEighth}};
+    EXPECT_TRUE(
+        std::ranges::equal(facts.m_resolutions, resolutions, [](const brResolution& a, const auto& b) {
+            return std::tuple(a.width, a.height, a.scale) == b;
+        }));
+    facts.m_attachment = std::make_shared<int>();
+    facts.Close(true);
+    EXPECT_TRUE(facts.m_attachment && !facts.m_isOpened && !facts.m_bmClip && !facts.m_bmClipEx);
+    facts.m_textPairs.emplace_back();
+    EXPECT_FALSE(facts.reload(codec.Get()).failed);
+    EXPECT_TRUE(!facts.m_attachment && facts.m_textPairs.empty() && facts.m_isOpened && facts.m_bmClipEx);
+    EXPECT_EQ(facts.m_resolutions.size(), 4u);
+    arm("Clip::QueryInterface");
+    EXPECT_EQ(facts.reload(codec.Get()).text(), "Failed to get Raw Clip Ex from BM - " + denied);
+    EXPECT_FALSE(facts.m_bmClip || facts.m_bmClipEx);
+    facts.m_attachment = std::make_shared<int>();
+    facts.Close(false);
+    EXPECT_FALSE(facts.m_attachment);
 
     // A size that cannot be read is the full resolution's; and opened twice the list must not grow.
     arm("Clip::GetWidth");

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <tuple>
 
+#include "CudaRuntime.h"
 #include "Utils/vdResult.h"
 
 namespace {
@@ -187,6 +188,74 @@ TEST_F(RequestTest, GpuThatCannotBeBoundIsTolerated) {
     arm("Configuration::SetFromDevice");
     ASSERT_EQ(init(true), 0);
     EXPECT_FALSE(m_manager->createBufferManager()->m_isGPU) << "no decoder would stand behind the buffers";
+}
+
+// The first pixel's channels in each format, as the decoder and the conversion make them; the picture's top
+// row or its bottom row first, as the format says.
+TEST_F(RequestTest, EveryFormatHasItsChannelsAndItsDirection) {
+    ASSERT_EQ(init(), 0);
+    const auto clip = addClip(m_clipPath);
+    const struct {
+        brPixelFormat format;
+        const char* channels; ///< in memory order
+        uint32_t opaque;      ///< full value of an integer channel; 1: floats
+        bool isFlipped = false;
+    } cases[] = {
+        {brPixelFormat::BGRA_8_LOW, "BGRA", 255},    {brPixelFormat::ARGB_8_LOW, "ARGB", 255, true},
+        {brPixelFormat::BGRA_16_LOW, "BGRA", 32768}, {brPixelFormat::BGRA_32_LOW, "BGRA", 1},
+        {brPixelFormat::ARGB_8_UP, "ARGB", 255},     {brPixelFormat::ARGB_16_UP, "ARGB", 32768},
+        {brPixelFormat::ARGB_32_UP, "ARGB", 1},      {brPixelFormat::RGBA_8_UP, "RGBA", 255},
+    };
+    for (const auto& [format, channels, opaque, isFlipped] : cases) {
+        SCOPED_TRACE(pixelFormatName(format));
+        const auto request = makeRequest(*clip, format);
+        ASSERT_EQ(m_manager->ProcessFrameSync(request), 0);
+        ASSERT_EQ(request->m_errorMessage, "");
+        for (const uint32_t x : {0u, 95u})
+            for (const uint32_t y : {0u, 63u}) {
+                const uint8_t* pixel = &request->pixels[(size_t{y} * 96 + x) * pixelFormatBytes(format)];
+                const auto bgra = expectedPixel(m_clipFile, 1, x, isFlipped ? 63 - y : y);
+                for (int i = 0; i < 4; ++i) {
+                    const size_t channel = std::string_view("BGRA").find(channels[i]);
+                    const double value = opaque == 255     ? pixel[i]
+                                         : opaque == 32768 ? reinterpret_cast<const uint16_t*>(pixel)[i]
+                                                           : reinterpret_cast<const float*>(pixel)[i];
+                    EXPECT_NEAR(value / opaque, bgra[channel] / 255.0, 1e-3) << x << ", " << y << channels[i];
+                }
+            }
+    }
+}
+
+// A device without free memory, or one that cannot tell: all is done on the CPU, with buffers of its kind.
+TEST_F(RequestTest, GpuWithoutFreeMemoryLeavesItToTheCpu) {
+    ASSERT_EQ(init(true), 0);
+    const auto control = [](const char* name) {
+        return reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA(cudaRuntimeFile), name));
+    };
+    const auto setMemory = reinterpret_cast<void (*)(size_t, size_t)>(control("standInSetMemory"));
+    const auto setError = reinterpret_cast<void (*)(int)>(control("standInSetError"));
+    const auto clip = addClip(m_clipPath);
+    for (const bool cannotTell : {false, true}) {
+        if (cannotTell)
+            setError(2);
+        else
+            setMemory(0, 8);
+        const auto request = makeRequest(*clip, brPixelFormat::BGRA_8_LOW, 4);
+        setError(0);
+        setMemory(size_t{6} << 30, size_t{8} << 30);
+        const brBufferManager& buffers = *request->m_bufferManager;
+        EXPECT_FALSE(buffers.m_isGPU || buffers.m_context || buffers.m_commandQueue);
+        EXPECT_EQ(buffers.m_resourceType, blackmagicRawResourceTypeBufferCPU);
+        EXPECT_EQ(m_manager->ProcessFrameSync(request), 0);
+        EXPECT_EQ(request->m_errorMessage, "");
+        const auto expected = expectedPixel(m_clipFile, 1, 95, 63);
+        EXPECT_TRUE(
+            std::equal(expected.begin(), expected.end(), &request->pixels[63 * (96 * 4 + 4) + 95 * 4]));
+        EXPECT_EQ(buffers.m_decodedBufferGPU.resource, nullptr);
+    }
+    setMemory(1, 8);
+    EXPECT_TRUE(m_manager->createBufferManager()->m_isGPU) << "any free byte keeps the device";
+    setMemory(size_t{6} << 30, size_t{8} << 30);
 }
 
 TEST_F(RequestTest, GpuRoadGivesThePixelsOfTheClip) {

@@ -174,6 +174,8 @@ TEST_F(LifetimeTest, CancelledBeforeEachCompletion) {
         m_request = makeRequest(*m_manager->GetClip(0));
         ASSERT_EQ(m_manager->AddProcessFrameAsync(m_request), 0);
         holdAt(completion);
+        m_manager->CloseClip(m_manager->GetClip(0));
+        EXPECT_TRUE(m_request->m_clipInUse) << "by the job, whatever it keeps itself";
         {
             vdLock lock(m_request->m_mutex, "test");
             m_request->m_isCancelled = true;
@@ -183,6 +185,8 @@ TEST_F(LifetimeTest, CancelledBeforeEachCompletion) {
         EXPECT_TRUE(m_request->m_errorCode == 0 && m_request->delivered == 0);
         EXPECT_EQ(m_decoder.account().jobsSubmitted, ++jobs) << "no further job after the cancellation";
         EXPECT_EQ(m_request.use_count(), 1) << "neither queue nor job keeps it";
+        EXPECT_TRUE(isFree(m_clipPath)) << "nor it the clip";
+        addClip(m_clipPath);
     }
 }
 

@@ -1,5 +1,6 @@
 // The manager, its clips and its queue.
 #include "DecodeCoreFixture.h"
+#include "LogSession.h"
 
 #include <algorithm>
 #include <tuple>
@@ -230,6 +231,7 @@ TEST_F(ManagerTest, QueueKeepsWhatRunsAndGivesBackWhatHasEnded) {
     std::shared_ptr<vdBRAW_Request> found;
     bool isRunning = true;
     for (const auto& other : {makeRequest(*clip), std::shared_ptr<TestRequest>()}) {
+        const LogSession log(vdLogLevel::info); // whose lines name the request
         EXPECT_EQ(m_manager->FindInQueue(other, found, isRunning), 0);
         EXPECT_FALSE(found || isRunning) << "an equal request is not the same one, and none is in no queue";
     }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cmath>
 #include <iterator>
 #include <limits>
 
@@ -36,10 +35,21 @@ float ratio(uint32_t full, uint32_t reduced) {
     return reduced == 0 ? 0 : static_cast<float>(full) / static_cast<float>(reduced);
 }
 
-int32_t toPixel(double position) {
-    constexpr double lowest = std::numeric_limits<int32_t>::min();
-    constexpr double highest = std::numeric_limits<int32_t>::max();
+int32_t toPixel(int64_t position) {
+    constexpr int64_t lowest = std::numeric_limits<int32_t>::min();
+    constexpr int64_t highest = std::numeric_limits<int32_t>::max();
     return static_cast<int32_t>(std::clamp(position, lowest, highest));
+}
+
+/// position * to / from, rounded down or up. In whole numbers: a quotient that is not exact would round an
+/// edge of the picture to the pixel beyond it.
+int32_t scaledDown(int32_t position, uint32_t to, uint32_t from) {
+    const int64_t product = int64_t{position} * to;
+    return toPixel(product / from - (product % from < 0));
+}
+int32_t scaledUp(int32_t position, uint32_t to, uint32_t from) {
+    const int64_t product = int64_t{position} * to;
+    return toPixel(product / from + (product % from > 0));
 }
 
 /// The smallest of the clip's resolutions that shrinks by no more than asked in either direction, or null. A
@@ -172,11 +182,10 @@ void vdBRAW_Request::takeResolution(const brResolution& resolution) {
     if (m_width == 0 || m_height == 0) {
         m_renderRect = {0, 0, toPixel(resolution.width), toPixel(resolution.height)};
     } else {
-        const double fx = static_cast<double>(resolution.width) / m_width;
-        const double fy = static_cast<double>(resolution.height) / m_height;
-        m_renderRect = {
-            toPixel(std::floor(m_renderRect.left * fx)), toPixel(std::floor(m_renderRect.top * fy)),
-            toPixel(std::ceil(m_renderRect.right * fx)), toPixel(std::ceil(m_renderRect.bottom * fy))};
+        m_renderRect = {scaledDown(m_renderRect.left, resolution.width, m_width),
+                        scaledDown(m_renderRect.top, resolution.height, m_height),
+                        scaledUp(m_renderRect.right, resolution.width, m_width),
+                        scaledUp(m_renderRect.bottom, resolution.height, m_height)};
     }
     m_width = resolution.width;
     m_height = resolution.height;

@@ -47,6 +47,21 @@ TEST_F(RequestTest, SmallestResolutionThatCoversTheAskedSize) {
     }
 }
 
+// One pixel too many, and the decoder no longer writes into the bitmap itself.
+TEST_F(RequestTest, TheWholePictureIsAskedForWhateverItsSides) {
+    vdBRAW_Clip clip(0, {});
+    clip.m_height = 11;
+    TestRequest request;
+    for (clip.m_width = 11; clip.m_width < 700; ++clip.m_width)
+        for (const uint32_t asked : {1u, 7u, 11u}) {
+            const auto side = static_cast<int32_t>(asked);
+            const auto width = static_cast<int32_t>(clip.m_width);
+            clip.m_resolutions = {{clip.m_width, 11, blackmagicRawResolutionScaleFull}};
+            request.setScaleAndDimensions(clip, {0, width, asked}, {0, 11, asked}, {0, 0, side, side});
+            EXPECT_TRUE(request.m_renderRect == (brRect{0, 0, width, 11})) << width << " at " << asked;
+        }
+}
+
 TEST_F(RequestTest, FormatsWithoutAConversionAreRefused) {
     const struct {
         brPixelFormat format;

@@ -19,7 +19,7 @@ inline PROCESS_INFORMATION startFreshProcess(const std::string& test) {
     PROCESS_INFORMATION process = {};
     if (!CreateProcessW(program, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
                         &process))
-        ADD_FAILURE() << "no process for " << test;
+        ADD_FAILURE() << "no process for " << test << ", error " << GetLastError();
     return process;
 }
 

@@ -111,6 +111,8 @@ TEST_F(Probe, TroubleAtACallIsNamed) {
         size_t kind = turn / 2 % std::size(kinds);
         if (kind == 1 && (!stage->isNeeded || name == L"IBlackmagicRawPipelineIterator::Next"))
             kind = 0;
+        if (kind == 2 && name == L"IBlackmagicRaw::FlushJobs")
+            continue; // the library's own thread works meanwhile, and may be the last that was seen
         const wchar_t* const value = kind == 1 ? L"=0x80004005" : L"=3";
         expectNamed(std::wstring(kinds[kind]) + L"@" + name + L"#" + std::to_wstring(occurrence) + value,
                     std::wstring(stage->interfaceName) + L"::" + stage->operation, words[kind]);

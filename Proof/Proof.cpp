@@ -9,10 +9,12 @@
 
 #include <windows.h>
 
+#include "ReferenceDecoderControl.h"
+
 namespace {
 
 constexpr uint64_t maximumShown = 20;
-constexpr int64_t longestSilenceSeconds = 120;
+constexpr int64_t longestSilenceSeconds = 90;
 
 /// What is being tried, for when the program cannot go on.
 char g_attempt[256] = "(nothing yet)";
@@ -42,7 +44,10 @@ LONG WINAPI reportCrash(EXCEPTION_POINTERS* exception) {
 DWORD WINAPI watch(void*) {
     while (++g_silentSeconds < longestSilenceSeconds)
         Sleep(1000);
-    lose("does not end", 4);
+    char how[128];
+    std::snprintf(how, sizeof how, "does not end; the decoder's latest call: %s",
+                  referenceDecoderLatestCall());
+    lose(how, 4);
     return 0;
 }
 

@@ -70,6 +70,12 @@ ReferenceDecoderControl& referenceDecoderControl() {
     return s_control;
 }
 
+const char* referenceDecoderLatestCall() {
+    const ReferenceDecoderControl& control = referenceDecoderControl();
+    const uint32_t call = control.latestCall;
+    return call == 0 ? "none" : control.callNames[call - 1].text;
+}
+
 uint32_t referenceDecoderCallName(ReferenceDecoderControl& control, const char* name) {
     // Who holds it does so for microseconds, or was ended while it did.
     for (int patience = 1000; patience > 0 && control.namesLock.exchange(1, std::memory_order_acquire);

@@ -176,5 +176,9 @@ std::wstring referenceDecoderBlockName();
 /// applies the environment to it.
 ReferenceDecoderControl& referenceDecoderControl();
 
+/// The name of the call that was entered last, into the library or out of it; "none" when there was none.
+/// Takes no memory and no lock.
+const char* referenceDecoderLatestCall();
+
 /// The index of a call's name in the block, entered if it is new.
 uint32_t referenceDecoderCallName(ReferenceDecoderControl& control, const char* name);

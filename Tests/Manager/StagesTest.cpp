@@ -149,13 +149,17 @@ TEST_F(StagesTest, RequestOnAGpuFailsWithTheCodeOfItsStage) {
 }
 
 TEST_F(StagesTest, RequestFailsWithoutWhatACompletionShouldBring) {
+    const std::string unexpected = hresultText(E_UNEXPECTED); // no size, or no job, though the call succeeded
     const struct {
         std::string call;
         Kind kind;
         int64_t value;
-        const char* message;
+        std::string message;
     } cases[] = {
         {clipEx + "GetBitStreamSizeBytes", Kind::fail, E_FAIL, "(1) Frame seems to be corrupted"},
+        {clipEx + "GetBitStreamSizeBytes", Kind::zero, 0, "(1) Frame seems to be corrupted - " + unexpected},
+        {clipEx + "CreateJobReadFrame", Kind::succeedEmpty, 0,
+         "(5) Impossible to Create Job Read Frame - " + unexpected},
         {job + "Submit", Kind::fail, E_FAIL, "(5) Failed to Submit Read Job"},
         {callback + "ReadComplete", Kind::succeedEmpty, 0, "(6) ReadComplete called with error code - "},
         {callback + "ProcessComplete", Kind::succeedEmpty, 0, "(12) ProcessComplete called without an image"},

@@ -63,12 +63,9 @@ private:
     /// Takes no memory and no lock: whoever hangs may hold it.
     void endProgram() {
         char text[512];
-        const ReferenceDecoderControl& control = referenceDecoderControl();
-        const uint32_t call = control.latestCall;
-        const int length =
-            std::snprintf(text, sizeof text, "[  HANGS   ] %s: no end within %llu s; %s%s\n", m_name,
-                          m_seconds, call == 0 ? "the decoder was not called" : "the decoder's latest call: ",
-                          call == 0 ? "" : control.callNames[call - 1].text);
+        const int length = std::snprintf(
+            text, sizeof text, "[  HANGS   ] %s: no end within %llu s; the decoder's latest call: %s\n",
+            m_name, m_seconds, referenceDecoderLatestCall());
         DWORD written = 0;
         WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text, static_cast<DWORD>(length), &written, nullptr);
         TerminateProcess(GetCurrentProcess(), exitCodeOfHang);

@@ -109,10 +109,11 @@ TEST_F(Probe, TroubleAtACallIsNamed) {
         if (++turn % 2 != 0)
             continue;
         size_t kind = turn / 2 % std::size(kinds);
-        if (kind == 1 && (!stage->isNeeded || name == L"IBlackmagicRawPipelineIterator::Next"))
+        // Who ended the process while FlushJobs waited for others cannot be known.
+        const bool isNeverEnded = name == L"IBlackmagicRaw::FlushJobs" && kind == 2;
+        const bool mayFail = !stage->isNeeded || name == L"IBlackmagicRawPipelineIterator::Next";
+        if (isNeverEnded || (kind == 1 && mayFail))
             kind = 0;
-        if (kind == 2 && name == L"IBlackmagicRaw::FlushJobs")
-            continue; // the library's own thread works meanwhile, and may be the last that was seen
         const wchar_t* const value = kind == 1 ? L"=0x80004005" : L"=3";
         expectNamed(std::wstring(kinds[kind]) + L"@" + name + L"#" + std::to_wstring(occurrence) + value,
                     std::wstring(stage->interfaceName) + L"::" + stage->operation, words[kind]);

@@ -134,6 +134,20 @@ bool askIdle(std::unique_ptr<WorkerProcess>& worker, const std::wstring& path, U
     worker.reset(); // it has left, or somebody ended it
     return false;
 }
+
+/// Asks a new worker. One that cannot be started, or is gone before it has begun, is tried a second time: a
+/// busy machine refuses a process now and then. Without a worker afterwards none could be made.
+WorkerReply askNew(std::unique_ptr<WorkerProcess>& worker, const std::wstring& path, UINT size) {
+    WorkerReply reply;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        worker.reset();
+        const HRESULT hr = WorkerProcess::create(folderOf(ownModulePath()), worker);
+        reply = SUCCEEDED(hr) ? worker->ask(path, size) : failed(hr);
+        if (reply.result != GUARD_E_WORKER_NOT_STARTED)
+            break;
+    }
+    return reply;
+}
 } // namespace
 
 WorkerReply askWorkers(const std::wstring& path, UINT size) {
@@ -148,12 +162,10 @@ WorkerReply askWorkers(const std::wstring& path, UINT size) {
         return failed(hr);
     std::unique_ptr<WorkerProcess>& worker = lease.worker();
     WorkerReply reply;
-    if (!askIdle(worker, path, size, reply)) {
-        if (const HRESULT hr = WorkerProcess::create(folderOf(ownModulePath()), worker); FAILED(hr))
-            return failed(hr);
-        reply = worker->ask(path, size);
-    }
-    settle(path, reply.asked, worker);
+    if (!askIdle(worker, path, size, reply))
+        reply = askNew(worker, path, size);
+    if (worker != nullptr)
+        settle(path, reply.asked, worker);
     return reply;
 }
 

@@ -179,10 +179,11 @@ HRESULT ResourceManager::CreateResource(void* context, void* commandQueue, uint3
                                         void** resource) {
     return cross<"IBlackmagicRawResourceManager::CreateResource">(
         [&]() -> HRESULT {
-            const bool isUsageKnown = usage == blackmagicRawResourceUsageReadCPUWriteCPU ||
-                                      usage == blackmagicRawResourceUsageReadGPUWriteCPU ||
-                                      usage == blackmagicRawResourceUsageReadGPUWriteGPU;
-            if (sizeBytes == 0 || !isUsageKnown || !isRightPlace(context, commandQueue, type))
+            const bool isUsageRight = type == blackmagicRawResourceTypeBufferCPU
+                                          ? usage == blackmagicRawResourceUsageReadCPUWriteCPU
+                                          : usage == blackmagicRawResourceUsageReadGPUWriteCPU ||
+                                                usage == blackmagicRawResourceUsageReadGPUWriteGPU;
+            if (sizeBytes == 0 || !isUsageRight || !isRightPlace(context, commandQueue, type))
                 return badArgument();
             return sizeBytes > kLargestResource ? E_OUTOFMEMORY : createResource(sizeBytes, type, resource);
         },

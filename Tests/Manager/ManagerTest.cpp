@@ -120,6 +120,7 @@ TEST_F(ManagerTest, ClipsAreFoundByTheirExactPath) {
     EXPECT_EQ(m_manager->AddClipIfNew(m_clipPath, id), 0);
     EXPECT_TRUE(clip->m_isOpened) << "a closed clip must be opened again when it is asked for by path";
     EXPECT_FALSE(clip->doesNeedToBeReloaded());
+    EXPECT_EQ(m_decoder.occurrencesOf("IBlackmagicRaw::OpenClipWithGeometry"), 4u) << "with its geometry";
     arm("ClipEx::GetBitStreamSizeBytes", 0);
     EXPECT_TRUE(clip->doesNeedToBeReloaded()) << "a stale clip must be noticed";
 
@@ -134,10 +135,12 @@ TEST_F(ManagerTest, ClipOpeningNamesWhatFailed) {
         uint32_t occurrence;
         std::string message;
         Kind kind = Kind::fail;
+        int64_t value = E_ACCESSDENIED;
     } cases[] = {
         {"::OpenClip", 1, "Impossible to open Clip with Library ! " + denied},
         {"Clip::GetFrameRate", 1, "Failed to get FrameRate from BM - " + denied},
         {"Clip::GetFrameRate", 1, "FrameRate has a weird value : 0.000000", Kind::zero},
+        {"Clip::GetFrameRate", 1, "FrameRate has a weird value : -1.000000", Kind::value, -1},
         {"Clip::GetFrameCount", 1, "Failed to get FrameCount from BM - " + denied},
         {"Clip::QueryInterface", 1, "Impossible to query Resolutions ! " + denied},
         {"ClipResolutions::GetResolutionCount", 1, "Impossible to get ResolutionCount ! " + denied},
@@ -148,6 +151,8 @@ TEST_F(ManagerTest, ClipOpeningNamesWhatFailed) {
          "Impossible to get Closest Resolution For Scale ! " + denied},
         {"ClipResolutions::GetClosestResolutionForScale", 1,
          "Scale from Resolution does not return the same Resolution ! SecurityRes : 95x63", Kind::oneLess},
+        {"ClipResolutions::GetClosestResolutionForScale", 1,
+         "Scale from Resolution does not return the same Resolution ! SecurityRes : 96x96", Kind::value, 96},
         {"Clip::QueryInterface", 2, "Failed to get Raw Clip Ex from BM - " + denied},
     };
     Microsoft::WRL::ComPtr<IBlackmagicRaw> codec;
@@ -155,8 +160,8 @@ TEST_F(ManagerTest, ClipOpeningNamesWhatFailed) {
     // Attach of this toolchain would add a reference.
     *factory.GetAddressOf() = createReferenceDecoderFactory();
     ASSERT_EQ(factory->CreateCodec(&codec), S_OK);
-    for (const auto& [call, occurrence, message, kind] : cases) {
-        arm(call, occurrence, kind);
+    for (const auto& [call, occurrence, message, kind, value] : cases) {
+        arm(call, occurrence, kind, value);
         vdBRAW_Clip clip(0, m_clipPath);
         EXPECT_EQ(clip.openAndInit(codec.Get(), nullptr).text(), message);
         EXPECT_FALSE(clip.m_bmClip || clip.m_bmClipEx) << call;

@@ -188,15 +188,37 @@ TEST_F(StagesTest, BuffersAreReplacedOnlyWhenTooSmall) {
     };
     expectBuffers(false, faults);
 
-    // A caller's buffer that is too small is bypassed: the decoder writes into one of our own.
-    const auto bypassing = makeRequest(*m_manager->GetClip(0));
-    brBufferManager& buffers = *bypassing->m_bufferManager;
-    void* const callers = buffers.m_processedBuffer.resource;
-    --buffers.m_processedBuffer.capacity;
-    m_manager->AddProcessFrameAsync(bypassing);
-    m_manager->FlushQueue();
-    EXPECT_TRUE(bypassing->m_processDone && buffers.m_ownsProcessedBuffer);
-    EXPECT_NE(buffers.m_processedBuffer.resource, callers);
+    // A caller's buffer that is too small is bypassed, with a warning: the decoder writes into one of our
+    // own. One that cannot be made leaves nothing claimed.
+    for (const bool fails : {false, true}) {
+        const auto bypassing = makeRequest(*m_manager->GetClip(0));
+        brBufferManager& buffers = *bypassing->m_bufferManager;
+        void* const callers = buffers.m_processedBuffer.resource;
+        const uint32_t size = buffers.m_processedBuffer.capacity--;
+        const LogSession log(vdLogLevel::warn);
+        arm(resources + "CreateResource", fails ? 4 : 99);
+        m_manager->ProcessFrameSync(bypassing);
+        EXPECT_EQ(bypassing->m_processDone, !fails);
+        EXPECT_TRUE(buffers.m_ownsProcessedBuffer);
+        EXPECT_NE(buffers.m_processedBuffer.resource, callers);
+        EXPECT_EQ(buffers.m_processedBuffer.capacity, fails ? 0 : size);
+        EXPECT_EQ(log.lines().size(), 1u);
+        EXPECT_NE(log.lines()[0].find(fails
+                                          ? std::string("Failed Creating CPU ProcessedBuffer Resource ")
+                                          : " - Allocated CPU Buffer was size : " + std::to_string(size - 1) +
+                                                " But needed size is : " + std::to_string(size)),
+                  std::string::npos)
+            << log.lines()[0];
+    }
+    // One that is large enough is used without a word; and no image makes a buffer larger than it is.
+    const auto direct = makeRequest(*m_manager->GetClip(0));
+    const uint32_t size = direct->m_bufferManager->m_processedBuffer.capacity;
+    const LogSession log(vdLogLevel::warn);
+    arm(image + "GetResourceSizeBytes", 1, Kind::allOnes);
+    m_manager->ProcessFrameSync(direct);
+    EXPECT_TRUE(direct->m_processDone && !direct->m_bufferManager->m_ownsProcessedBuffer);
+    EXPECT_EQ(direct->m_bufferManager->m_processedBuffer.capacity, size);
+    EXPECT_TRUE(log.lines().empty());
 }
 
 TEST_F(StagesTest, DeviceBuffersAreReplacedOnlyWhenTooSmall) {

@@ -39,9 +39,29 @@ bool workersBecome(size_t count, DWORD host = GetCurrentProcessId(), DWORD milli
 }
 
 /// What a shell's process has, and what a guard that leaks would add to.
-std::array<int64_t, 3> holdings() {
-    return {countHandles(), countThreads(), countGdiObjects()};
-}
+class Holdings {
+public:
+    /// What there is more of now, in words; empty when there is nothing. Windows may take a moment to let go
+    /// of what belonged to a thread or a process that has ended.
+    std::string growth(int64_t toleratedHandles = 0) const {
+        std::string found;
+        for (const ULONGLONG end = GetTickCount64() + 1000; GetTickCount64() < end; Sleep(20))
+            if ((found = difference(Holdings(), toleratedHandles)).empty())
+                break;
+        return found;
+    }
+
+private:
+    std::string difference(const Holdings& now, int64_t toleratedHandles) const {
+        constexpr const char* names[] = {" handles", " threads", " GDI objects"};
+        std::string found;
+        for (size_t i = 0; i < m_counts.size(); ++i)
+            if (now.m_counts[i] > m_counts[i] + (i == 0 ? toleratedHandles : 0))
+                found += std::to_string(now.m_counts[i] - m_counts[i]) + names[i] + " more; ";
+        return found;
+    }
+    std::array<int64_t, 3> m_counts{countHandles(), countThreads(), countGdiObjects()};
+};
 
 /// A shell with the guard loaded. The decoder in its workers takes its faults from here.
 class GuardedShell {
@@ -79,13 +99,13 @@ public:
         using Clock = std::chrono::steady_clock;
         if (const std::string good = childProcesses(workerName).empty() ? ask() : ""; !good.empty())
             return "the one before: " + good;
-        const auto before = holdings();
+        const Holdings before;
         m_decoder.reset();
         m_decoder.arm(fault);
         const Clock::time_point start = Clock::now();
         std::string trouble = ask(expected);
         lastMilliseconds = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-        // There Windows takes an exception for a refusal to be loaded, and no thread can begin.
+        // There Windows takes an exception for a refusal to be loaded.
         if (fault.name == "DllMain::attach" && trouble.starts_with("0x8"))
             trouble.clear();
         const bool fired = m_decoder.account().faultsFired > 0;
@@ -97,11 +117,7 @@ public:
             trouble = "the next one: " + trouble;
         if (trouble.empty() && !workersBecome(1))
             trouble = std::to_string(childProcesses(workerName).size()) + " workers are left";
-        if (const auto now = holdings(); trouble.empty() && now > before)
-            for (size_t i = 0; i < now.size(); ++i)
-                trouble +=
-                    std::to_string(now[i] - before[i]) + (i + 1 < now.size() ? ", " : " more handles, ");
-        return trouble;
+        return trouble.empty() ? before.growth() : trouble;
     }
     double lastMilliseconds = 0;
 
@@ -141,7 +157,9 @@ void tryCrashes(ProofForm form, ProofTally& tally) {
     size_t number = 0;
     for (const auto& [what, kind] : crashes)
         for (const ReferenceDecoderCall& call : calls) {
-            if (number++ % sample != 0)
+            // No thread begins inside DllMain: there this is a hang, and tried as one.
+            const bool isHang = kind == Kind::exceptionOnThread && call.name.starts_with("DllMain");
+            if (number++ % sample != 0 || isHang)
                 continue;
             tally.attempt(nameOf(call, what), [&] {
                 return shell.troubleWith({call.name, call.occurrence, kind, 1}, GUARD_E_WORKER_DIED);
@@ -209,7 +227,7 @@ void tryKilledWorkers(ProofForm form, ProofTally& tally) {
     GuardedShell shell;
     setPolicy(L"Workers", 4);
     shell.ask();
-    const auto before = holdings();
+    const Holdings before;
     std::atomic<int> next = 0, killed = 0, lost = 0;
     std::vector<std::string> troubles(static_cast<size_t>(total));
     std::vector<std::jthread> threads;
@@ -243,7 +261,8 @@ void tryKilledWorkers(ProofForm form, ProofTally& tally) {
     shell.decoder().reset();
     shell.decoder().writeOffLosses();
     tally.attempt("the next one", [&] { return shell.ask(); });
-    tally.count("handles, threads and GDI objects", holdings() <= before ? "" : "more than before");
+    // This program's own runtime makes an event when two of its threads first meet at the list of them.
+    tally.count("handles, threads and GDI objects", before.growth(1));
 }
 PROOF_CHECK("guard kill", "workers are ended from outside, at random", tryKilledWorkers);
 
@@ -285,7 +304,7 @@ PROOF_CHECK("guard host", "the host is ended while its worker works", tryKilledH
 
 void tryReloading(ProofForm form, ProofTally& tally) {
     GuardedShell shell;
-    std::array<int64_t, 3> before = {};
+    std::optional<Holdings> before;
     for (int i = 0; i < (form == ProofForm::full ? 200 : 6); ++i)
         tally.attempt("loading " + std::to_string(i), [&] {
             std::string trouble = shell.ask();
@@ -298,9 +317,9 @@ void tryReloading(ProofForm form, ProofTally& tally) {
             if (trouble.empty() && !workersBecome(0))
                 trouble = "a worker is left";
             if (i == 1)
-                before = holdings();
-            if (trouble.empty() && i > 1 && holdings() > before)
-                trouble = "handles, threads or GDI objects are left";
+                before.emplace();
+            if (trouble.empty() && i > 1)
+                trouble = before->growth();
             shell.decoder().writeOffLosses();
             shell.load();
             return trouble;

@@ -6,7 +6,6 @@
 
 #include "ClassFactory.h"
 #include "GuardFailures.h"
-#include "Utils/vdCloudFile.h"
 #include "Utils/vdFailureEvent.h"
 #include "Utils/vdGuard.h"
 #include "WorkerPool.h"
@@ -49,8 +48,6 @@ IFACEMETHODIMP CClipforgeGuardProvider::GetThumbnail(UINT cx, HBITMAP* phbmp, WT
         return E_POINTER;
     *phbmp = nullptr;
     *pdwAlpha = WTSAT_UNKNOWN;
-    if (isSparedCloudFile(m_path.c_str()))
-        return E_FAIL;
     const HRESULT hr = guardBoundary([&] {
         WorkerReply reply = askWorkers(m_path, cx);
         *phbmp = reply.bitmap.release();

@@ -12,13 +12,13 @@
 /// calls.
 class KillerClips {
 public:
-    /// S_OK, or why the clip must not be asked for now: GUARD_E_CLIP_KILLS or GUARD_E_PAUSE. Looks at the
-    /// file only when a clip of this path is remembered.
-    HRESULT refusal(const std::wstring& path) const noexcept;
+    /// S_OK, or why the clip must not be asked for now: GUARD_E_CLIP_KILLS or GUARD_E_PAUSE. For a remembered
+    /// clip S_OK stands under a condition: that its state is another one than `killerState`, which is 0 else.
+    HRESULT refusal(const std::wstring& path, uint64_t& killerState) const noexcept;
     /// A worker has answered: whatever ended others before was not the decoder as such.
     void answered() noexcept { m_deathsInARow = 0; }
-    /// A worker came to its end over this clip, by itself or by us.
-    void killed(const std::wstring& path) noexcept;
+    /// A worker came to its end over this clip, by itself or by us. A state of 0: it was not even seen.
+    void killed(const std::wstring& path, uint64_t state) noexcept;
     /// A worker came to its end before it saw its question: no clip's fault, but no reason to go on either.
     void diedUnasked() noexcept { died(++m_namelessDeaths); }
 
@@ -27,8 +27,8 @@ private:
     static constexpr int deathsUntilPause = 3;
 
     struct Killer {
-        uint64_t path; ///< hashes; 0: a free entry
-        uint64_t state;
+        uint64_t path;  ///< a hash; 0: a free entry
+        uint64_t state; ///< of the clip when it ended the worker
         uint64_t until; ///< in milliseconds since the system's start
     };
     void died(uint64_t cause) noexcept;

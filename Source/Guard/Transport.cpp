@@ -13,6 +13,13 @@ unsigned long long number(HANDLE handle) {
 }
 } // namespace
 
+uint64_t transportHash(const void* data, size_t bytes) noexcept {
+    uint64_t value = 0xCBF29CE484222325;
+    for (size_t i = 0; i < bytes; ++i)
+        value = (value ^ static_cast<const uint8_t*>(data)[i]) * 0x100000001B3;
+    return value | 1;
+}
+
 std::wstring workerArguments(const WorkerHandles& handles) {
     wchar_t text[128];
     std::swprintf(text, std::size(text), L"%ls %llx %llx %llx %llx", version, number(handles.section),

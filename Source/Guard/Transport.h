@@ -24,6 +24,7 @@ enum class WorkerOutcome : uint32_t {
     handlerMissing,   ///< no handler lies beside the worker
     handlerNotLoaded, ///< there is one, and it cannot be loaded
     pictureTooLarge,  ///< for the section
+    clipUnchanged,    ///< since it ended a worker: the handler was not asked
 };
 
 struct WorkerQuestion {
@@ -33,6 +34,8 @@ struct WorkerQuestion {
     uint64_t number;
     uint32_t size; ///< asked of the handler
     uint32_t pathLength;
+    uint64_t
+        killerState; ///< the clip's when it ended a worker, as WorkerChannel::clipState; 0: it ended none
     wchar_t path[maximumPath + 1];
 };
 
@@ -56,8 +59,11 @@ struct WorkerChannel {
     std::atomic<WorkerState> state;
     std::atomic<uint64_t> taken; ///< number of the last question that the worker has begun with: one that
                                  ///< dies before does not die of the question
-    uint32_t idleMilliseconds;   ///< after which the worker leaves
-    size_t memoryLimit;          ///< of the worker, in bytes
+    /// Stands for size and time of the clip, as the worker found it before it asked the handler; 0 until
+    /// then. The guard looks at no clip: it may lie on a drive that does not answer.
+    std::atomic<uint64_t> clipState;
+    uint32_t idleMilliseconds; ///< after which the worker leaves
+    size_t memoryLimit;        ///< of the worker, in bytes
     WorkerAnswer answer;
     WorkerQuestion question;
 
@@ -86,6 +92,9 @@ struct WorkerHandles {
 
 /// The exit code of a worker that was started by a guard of another version.
 constexpr DWORD workerOfOtherVersion = 0xE0CF0001;
+
+/// FNV-1a with 64 bits (draft-eastlake-fnv), for what a guard remembers of clips. Never 0.
+uint64_t transportHash(const void* data, size_t bytes) noexcept;
 
 /// A worker's arguments: our version, which guard and worker must share, and the handles.
 std::wstring workerArguments(const WorkerHandles& handles);

@@ -83,6 +83,15 @@ bool canLoadLibraries() {
     return WaitForSingleObject(thread.get(), unloadMilliseconds) == WAIT_OBJECT_0;
 }
 
+/// A hash of the file's size and time; one that cannot be seen has a state, too.
+uint64_t stateOf(const std::wstring& path) {
+    WIN32_FILE_ATTRIBUTE_DATA data = {};
+    GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data);
+    const DWORD state[] = {data.nFileSizeHigh, data.nFileSizeLow, data.ftLastWriteTime.dwHighDateTime,
+                           data.ftLastWriteTime.dwLowDateTime};
+    return transportHash(state, sizeof state);
+}
+
 std::wstring handlerPath() {
     std::wstring path(WorkerQuestion::maximumPath + 1, L'\0');
     path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
@@ -132,7 +141,7 @@ private:
         answer.outcome = loaded;
         m_channel.taken = question.number;
         if (loaded == WorkerOutcome::answered)
-            ask(std::wstring(question.path, question.pathLength), question.size, answer);
+            ask(question, answer);
         answer.number = question.number;
         const bool isSpent = hasGrown(answer);
         m_channel.state = isSpent ? WorkerState::gone : WorkerState::idle;
@@ -148,8 +157,14 @@ private:
         return growth > m_channel.memoryLimit / 4 || (answer.result != S_OK && growth > growthAfterFailure);
     }
 
-    void ask(const std::wstring& path, UINT size, WorkerAnswer& answer) {
-        const ThumbnailAnswer picture = askForThumbnail(path, size, &m_handler);
+    void ask(const WorkerQuestion& question, WorkerAnswer& answer) {
+        const std::wstring path(question.path, question.pathLength);
+        m_channel.clipState = stateOf(path);
+        if (m_channel.clipState == question.killerState) {
+            answer.outcome = WorkerOutcome::clipUnchanged;
+            return;
+        }
+        const ThumbnailAnswer picture = askForThumbnail(path, question.size, &m_handler);
         answer.result = picture.result;
         answer.alpha = static_cast<uint32_t>(picture.alpha);
         if (picture.result == S_OK)

@@ -95,21 +95,29 @@ private:
     std::unique_ptr<WorkerProcess> m_worker;
 };
 
-HRESULT refusal(const std::wstring& path) {
+struct Question {
+    const std::wstring& path;
+    UINT size;
+    uint64_t killerState; ///< as in WorkerQuestion
+};
+
+HRESULT refusal(Question& question) {
     const PoolLock lock;
-    return g_pool.killers.refusal(path);
+    return g_pool.killers.refusal(question.path, question.killerState);
 }
 
 /// Draws the conclusions from how a question went.
-void settle(const std::wstring& path, Asked asked, std::unique_ptr<WorkerProcess>& worker) {
-    if (asked != Asked::answered) {
+void settle(const Question& question, const WorkerReply& reply, std::unique_ptr<WorkerProcess>& worker) {
+    if (reply.asked == Asked::notAsked)
+        return;
+    if (reply.asked != Asked::answered) {
         worker->endAndWait(); // the clip is free again when the shell gets its answer
         worker.reset();
     }
     const PoolLock lock;
-    switch (asked) {
+    switch (reply.asked) {
     case Asked::killed:
-        return g_pool.killers.killed(path);
+        return g_pool.killers.killed(question.path, reply.clipState);
     case Asked::diedUnasked:
         return g_pool.killers.diedUnasked();
     default:
@@ -124,10 +132,9 @@ WorkerReply failed(HRESULT result) {
 }
 
 /// Asks a worker that is still there from the last question; nothing when it is not.
-bool askIdle(std::unique_ptr<WorkerProcess>& worker, const std::wstring& path, UINT size,
-             WorkerReply& reply) {
+bool askIdle(std::unique_ptr<WorkerProcess>& worker, const Question& question, WorkerReply& reply) {
     if (worker != nullptr && worker->claim()) {
-        reply = worker->ask(path, size);
+        reply = worker->ask(question.path, question.size, question.killerState);
         if (reply.asked != Asked::diedUnasked)
             return true;
     }
@@ -137,12 +144,12 @@ bool askIdle(std::unique_ptr<WorkerProcess>& worker, const std::wstring& path, U
 
 /// Asks a new worker. One that cannot be started, or is gone before it has begun, is tried a second time: a
 /// busy machine refuses a process now and then. Without a worker afterwards none could be made.
-WorkerReply askNew(std::unique_ptr<WorkerProcess>& worker, const std::wstring& path, UINT size) {
+WorkerReply askNew(std::unique_ptr<WorkerProcess>& worker, const Question& question) {
     WorkerReply reply;
     for (int attempt = 0; attempt < 2; ++attempt) {
         worker.reset();
         const HRESULT hr = WorkerProcess::create(folderOf(ownModulePath()), worker);
-        reply = SUCCEEDED(hr) ? worker->ask(path, size) : failed(hr);
+        reply = SUCCEEDED(hr) ? worker->ask(question.path, question.size, question.killerState) : failed(hr);
         if (reply.result != GUARD_E_WORKER_NOT_STARTED)
             break;
     }
@@ -158,14 +165,15 @@ WorkerReply askWorkers(const std::wstring& path, UINT size) {
     }
     Lease lease;
     // Only now: while we waited, another question may have shown that this one is not to be asked.
-    if (const HRESULT hr = refusal(path); FAILED(hr))
+    Question question{path, size, 0};
+    if (const HRESULT hr = refusal(question); FAILED(hr))
         return failed(hr);
     std::unique_ptr<WorkerProcess>& worker = lease.worker();
     WorkerReply reply;
-    if (!askIdle(worker, path, size, reply))
-        reply = askNew(worker, path, size);
+    if (!askIdle(worker, question, reply))
+        reply = askNew(worker, question);
     if (worker != nullptr)
-        settle(path, reply.asked, worker);
+        settle(question, reply, worker);
     return reply;
 }
 

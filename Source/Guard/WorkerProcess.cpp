@@ -183,8 +183,14 @@ void WorkerProcess::endAndWait() noexcept {
     WaitForSingleObject(m_process.get(), endMilliseconds);
 }
 
-WorkerReply WorkerProcess::ask(const std::wstring& path, UINT size) noexcept {
-    putQuestion(path, size);
+WorkerReply WorkerProcess::ask(const std::wstring& path, UINT size, uint64_t killerState) noexcept {
+    putQuestion(path, size, killerState);
+    WorkerReply reply = awaitAnswer();
+    reply.clipState = m_channel->clipState;
+    return reply;
+}
+
+WorkerReply WorkerProcess::awaitAnswer() noexcept {
     // Plainly: a shell's thread that handled messages here could be asked the next question in the midst of
     // this one.
     const HANDLE handles[] = {m_answer.get(), m_process.get()};
@@ -200,10 +206,12 @@ WorkerReply WorkerProcess::ask(const std::wstring& path, UINT size) noexcept {
     }
 }
 
-void WorkerProcess::putQuestion(const std::wstring& path, UINT size) noexcept {
+void WorkerProcess::putQuestion(const std::wstring& path, UINT size, uint64_t killerState) noexcept {
     WorkerQuestion& question = m_channel->question;
     question.number = ++m_number;
     question.size = size;
+    question.killerState = m_killerState = killerState;
+    m_channel->clipState = 0;
     question.pathLength = static_cast<uint32_t>(path.size());
     std::copy(path.begin(), path.end(), question.path);
     SetEvent(m_question.get());
@@ -238,6 +246,9 @@ WorkerReply WorkerProcess::takeAnswer() noexcept {
         return reply(Asked::spent, GUARD_E_HANDLER_NOT_LOADED);
     case WorkerOutcome::pictureTooLarge:
         return reply(Asked::spent, GUARD_E_PICTURE_TOO_LARGE);
+    case WorkerOutcome::clipUnchanged:
+        return m_killerState != 0 ? reply(Asked::notAsked, GUARD_E_CLIP_KILLS)
+                                  : reply(Asked::killed, GUARD_E_WORKER_LIED);
     default:
         return reply(Asked::killed, GUARD_E_WORKER_LIED);
     }

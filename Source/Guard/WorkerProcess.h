@@ -17,6 +17,7 @@ enum class Asked {
     spent,       ///< answered, but the worker should not be kept
     diedUnasked, ///< the worker ended, or has to be, before it began with the question
     killed,      ///< the worker ended over it, or has to be
+    notAsked,    ///< the worker is ready for the next one; this clip was left alone
 };
 
 struct WorkerReply {
@@ -24,6 +25,7 @@ struct WorkerReply {
     HRESULT result = E_FAIL;
     OwnedBitmap bitmap; ///< when the result is S_OK, and only then
     WTS_ALPHATYPE alpha = WTSAT_UNKNOWN;
+    uint64_t clipState = 0; ///< as in WorkerChannel
 };
 
 /// The destructor ends the process and lets go of everything, without waiting. Used by one thread at a time.
@@ -40,9 +42,9 @@ public:
     bool claim() noexcept { return m_channel->claim(); }
     bool hasLeft() const noexcept { return m_channel->state == WorkerState::gone; }
 
-    /// Asks the claimed worker for a picture of the clip at `path`, of at most maximumPath characters, and
-    /// waits for its answer or its end as long as a worker may take.
-    WorkerReply ask(const std::wstring& path, UINT size) noexcept;
+    /// Asks the claimed worker for a picture of the clip at `path`, of at most maximumPath characters, unless
+    /// the clip's state is `killerState`, and waits for its answer or its end as long as a worker may take.
+    WorkerReply ask(const std::wstring& path, UINT size, uint64_t killerState) noexcept;
     /// Ends the process, and waits a little for its files to be free again.
     void endAndWait() noexcept;
 
@@ -50,7 +52,8 @@ private:
     WorkerProcess() = default;
     bool openChannel(OwnedHandle& section) noexcept;
     HRESULT start(const std::wstring& folder, HANDLE section, HANDLE guard);
-    void putQuestion(const std::wstring& path, UINT size) noexcept;
+    void putQuestion(const std::wstring& path, UINT size, uint64_t killerState) noexcept;
+    WorkerReply awaitAnswer() noexcept;
     bool hasTaken() const noexcept { return m_channel->taken == m_number; }
     WorkerReply takeAnswer() noexcept;
     WorkerReply ended() noexcept;
@@ -60,6 +63,7 @@ private:
     OwnedHandle m_question, m_answer, m_job, m_process;
     OwnedHandle m_thread; ///< as long as it has not begun to run
     DWORD m_workMilliseconds = 0;
-    size_t m_memoryLimit = 0; ///< in bytes
-    uint64_t m_number = 0;    ///< of the last question
+    size_t m_memoryLimit = 0;   ///< in bytes
+    uint64_t m_number = 0;      ///< of the last question
+    uint64_t m_killerState = 0; ///< put with it
 };

@@ -30,6 +30,7 @@ TEST_F(GuardTest, ADeathCostsOneThumbnail) {
         SCOPED_TRACE(testing::Message() << "clip " << std::filesystem::path(clip));
         EXPECT_RESULT(GUARD_E_WORKER_DIED, resultOf(clip));
         EXPECT_RESULT(GUARD_E_CLIP_KILLS, resultOf(clip));
+        EXPECT_TRUE(workersBecome(1)) << "it looked at the clip, and is ready for others";
         expectPicture();
         handles = handles != 0 ? handles : countHandles();
     }
@@ -46,6 +47,7 @@ TEST_F(GuardTest, AHangEndsWithItsTime) {
     EXPECT_RESULT(GUARD_E_CLIP_KILLS, resultOf(L"hang"));
 
     // Before the question was seen: no clip's fault.
+    m_library->call("DllCanUnloadNow"); // a new worker is wanted
     writeFileBytes(inside(L"hang in DllMain"), "");
     for (int i = 0; i < 2; ++i)
         EXPECT_RESULT(GUARD_E_WORKER_TIMED_OUT, resultOf(L"good"));
@@ -88,14 +90,23 @@ TEST_F(GuardTest, ThreeDeathsInARowAreThePause) {
 TEST(KillerClipsTest, MoreThanAreRememberedDriveOutTheOldest) {
     static KillerClips killers;
     for (int i = 0; i < 66; ++i) {
-        killers.killed(L"clip " + std::to_wstring(i));
+        killers.killed(L"clip " + std::to_wstring(i), i == 65 ? 0 : 7);
         killers.answered();
         Sleep(i < 3 ? 20 : 0); // older than the clock's steps
     }
-    EXPECT_RESULT(GUARD_E_CLIP_KILLS, killers.refusal(L"clip 65"));
-    EXPECT_RESULT(GUARD_E_CLIP_KILLS, killers.refusal(L"clip 2"));
-    EXPECT_RESULT(S_OK, killers.refusal(L"clip 0"));
-    EXPECT_RESULT(S_OK, killers.refusal(L"clip 1"));
+    constexpr struct {
+        const wchar_t* clip;
+        HRESULT result;
+        uint64_t killerState;
+    } cases[] = {{L"clip 65", GUARD_E_CLIP_KILLS, 0}, // nobody saw its state
+                 {L"clip 2", S_OK, 7},
+                 {L"clip 0", S_OK, 0},
+                 {L"clip 1", S_OK, 0}};
+    for (const auto& [clip, result, expectedState] : cases) {
+        uint64_t state = 1;
+        EXPECT_RESULT(result, killers.refusal(clip, state));
+        EXPECT_EQ(expectedState, state);
+    }
 }
 
 TEST_F(GuardTest, WithoutItsPartsItFailsAndNeverDecodesItself) {
@@ -257,6 +268,7 @@ TEST_F(LiesTest, EachHasItsResult) {
         {"honest", S_OK},
         {"no answer", GUARD_E_WORKER_LIED},
         {"outcome", GUARD_E_WORKER_LIED},
+        {"not asked", GUARD_E_WORKER_LIED},
         {"success without a picture", GUARD_E_WORKER_LIED},
         {"alpha", GUARD_E_WORKER_LIED},
         {"no rows", GUARD_E_WORKER_LIED},

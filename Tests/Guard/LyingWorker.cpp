@@ -39,7 +39,8 @@ void keepChanging(WorkerChannel& channel) {
 #define SET(field, wrong) [](WorkerChannel& channel) { channel.field = wrong; }
 constexpr Lie lies[] = {
     {"no answer", SET(answer.number, 0)},
-    {"outcome", SET(answer.outcome, static_cast<WorkerOutcome>(4))},
+    {"outcome", SET(answer.outcome, static_cast<WorkerOutcome>(5))},
+    {"not asked", SET(answer.outcome, WorkerOutcome::clipUnchanged)},
     {"success without a picture", SET(answer.result, S_FALSE)},
     {"alpha", SET(answer.alpha, 3)},
     {"no rows", SET(answer.height, 0)},

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "BuiltFile.h"
+#include "CudaRuntime.h"
 #include "Manager.h"
 #include "ReferenceDecoder.h"
 #include "ReferenceDecoderSession.h"
@@ -18,6 +19,13 @@
 #include "Utils/vdText.h"
 
 using Kind = ReferenceDecoderFaultKind;
+
+/// A control of the stand-in for the CUDA runtime, which must be loaded.
+template <class Function>
+Function* standIn(const char* name) {
+    return reinterpret_cast<Function*>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA(cudaRuntimeFile), name)));
+}
 
 /// A request that counts how often it ends, and on which way. Its listener must be called without its lock.
 class TestRequest : public vdBRAW_Request {
@@ -30,7 +38,8 @@ public:
                 isFree = m_mutex.try_lock();
                 if (isFree)
                     m_mutex.unlock();
-            }).join();
+            })
+                .join();
             EXPECT_TRUE(isFree) << "told with the lock held";
         };
     }
@@ -96,6 +105,14 @@ protected:
             EXPECT_TRUE(LoadLibraryW(builtFile("cuda/cudart64_110.dll").c_str()));
         }
         return m_manager->init(makeInstance(useGpu));
+    }
+
+    /// Another manager, with the clip open.
+    std::shared_ptr<vdBRAW_Clip> start(bool useGpu = false) {
+        m_manager = std::make_unique<vdBRAW_Manager>();
+        g_manager = m_manager.get();
+        EXPECT_EQ(init(useGpu), 0);
+        return addClip(m_clipPath);
     }
 
     std::shared_ptr<vdBRAW_Clip> addClip(const std::string& path) {

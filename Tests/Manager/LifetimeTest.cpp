@@ -15,53 +15,12 @@ using Manners = ReferenceDecoderManners;
 
 class LifetimeTest : public DecodeCoreTest {
 protected:
-    void TearDown() override {
-        m_decoder.setManners(Manners::none);
-        DecodeCoreTest::TearDown();
-    }
-    /// A manager of its own, with one clip open.
-    std::shared_ptr<vdBRAW_Clip> start() {
-        m_manager = std::make_unique<vdBRAW_Manager>();
-        g_manager = m_manager.get();
-        EXPECT_EQ(init(), 0);
-        return addClip(m_clipPath);
-    }
     /// Returns once the decoder has called that completion, whose work does not begin for a while.
     void holdAt(const std::string& completion) {
         while (m_decoder.occurrencesOf("IBlackmagicRawCallback::" + completion) == 0)
             Sleep(1);
     }
 };
-
-TEST_F(LifetimeTest, NothingGoesBeforeItsLastUser) {
-    constexpr Manners manners[] = {Manners::none,
-                                   Manners::resourceManagerHoldsCodec,
-                                   Manners::resourceManagerHoldsCodec | Manners::callbackIsNotCounted,
-                                   Manners::resourceManagerHoldsCodec | Manners::lastReleaseDoesNotWait,
-                                   Manners::lastReleaseDoesNotWait | Manners::callbackIsNotCounted,
-                                   Manners::submitCompletesFirst,
-                                   Manners::changingThreads | Manners::lateCompletions};
-    const struct {
-        const char* call;
-        uint32_t occurrence;
-    } faults[] = {{"::FlushJobs", 1},      {"::FlushJobs", 0},      {"Job::GetUserData", 1},
-                  {"Job::GetUserData", 2}, {"Job::GetUserData", 3}, {"Job::GetUserData", 0}};
-    for (const Manners manner : manners)
-        for (const auto& [call, occurrence] : faults) {
-            SCOPED_TRACE(testing::Message() << static_cast<uint32_t>(manner) << call << occurrence);
-            arm(call, occurrence);
-            m_decoder.setManners(manner);
-            m_decoder.setJobDelay(10);
-            auto request = makeRequest(*start());
-            const std::weak_ptr<TestRequest> watched = request;
-            m_manager->ProcessFrameSync(request);
-            request.reset();
-            m_manager.reset();
-            EXPECT_TRUE(watched.expired());
-            const ReferenceDecoderAccount account = m_decoder.account();
-            EXPECT_TRUE(account.isBalanced() && account.isSound()) << account.describe();
-        }
-}
 
 TEST_F(LifetimeTest, DISABLED_JobThatOutlastsTheManager) {
     const LogSession log(vdLogLevel::error);

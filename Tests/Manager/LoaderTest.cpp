@@ -147,15 +147,4 @@ TEST_F(LoaderTest, LooksInItsOwnFolderAndThenInTheHosts) {
               3);
 }
 
-TEST_F(LoaderTest, LibraryWithoutItsEntryPointIsNone) {
-    fs::copy_file(builtFile("cuda/cudart64_110.dll"), m_folder.path() / "BlackmagicRawAPI.dll",
-                  fs::copy_options::overwrite_existing);
-    Instance instance;
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_FALSE(tryToInit(instance));
-        EXPECT_FALSE(instance.isInitialised || instance.factory || isLoaded());
-    }
-    EXPECT_EQ(Release(instance), 0);
-}
-
 } // namespace

@@ -213,8 +213,7 @@ TEST_F(ManagerTest, ClipOpeningNamesWhatFailed) {
 }
 
 TEST_F(ManagerTest, QueueKeepsWhatRunsAndGivesBackWhatHasEnded) {
-    ASSERT_EQ(init(), 0);
-    const auto clip = addClip(m_clipPath);
+    const auto clip = start();
     EXPECT_EQ(m_manager->AddProcessFrameAsync(nullptr), 1);
 
     const auto failed = makeRequest(*clip);

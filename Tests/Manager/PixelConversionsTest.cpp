@@ -4,7 +4,6 @@
 #include <cstring>
 #include <random>
 
-#include "CudaRuntime.h"
 #include "DecodeCoreFixture.h"
 #include "FreshProcess.h"
 #include "LogSession.h"
@@ -187,13 +186,6 @@ private:
     uint8_t* m_pages = nullptr;
     Bytes m_source, m_final;
 };
-
-/// Calls the stand-in runtime's own controls.
-template <class Function>
-Function* standIn(const char* name) {
-    return reinterpret_cast<Function*>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA(cudaRuntimeFile), name)));
-}
 
 class PixelConversionsTest : public testing::Test {
 protected:

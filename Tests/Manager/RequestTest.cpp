@@ -3,11 +3,9 @@
 
 #include <cmath>
 #include <cstring>
-#include <span>
 #include <string_view>
 #include <tuple>
 
-#include "CudaRuntime.h"
 #include "Utils/vdResult.h"
 
 namespace {
@@ -25,8 +23,7 @@ TEST_F(RequestTest, SmallestResolutionThatCoversTheAskedSize) {
                  {32, 48, 32, blackmagicRawResolutionScaleHalf},
                  {64, 96, 64, blackmagicRawResolutionScaleFull},
                  {65, 65, 65, blackmagicRawResolutionScaleFull, true}};
-    ASSERT_EQ(init(), 0);
-    const auto clip = addClip(m_clipPath); // of 96 by 64
+    const auto clip = start(); // of 96 by 64
     TestRequest request;
     for (const auto& [asked, width, height, scale, isOver] : cases) {
         SCOPED_TRACE(asked);
@@ -87,8 +84,7 @@ TEST_F(RequestTest, FormatsWithoutAConversionAreRefused) {
 }
 
 TEST_F(RequestTest, DecoderWritesIntoTheFinalBufferOnlyWhereTheLayoutIsItsOwn) {
-    ASSERT_EQ(init(), 0);
-    const auto clip = addClip(m_clipPath);
+    const auto clip = start();
     const auto request = makeRequest(*clip);
     const auto goesThroughOurs = [&](int32_t rowBytes) {
         request->setup(0, 1, request->pixels.data(), rowBytes, brPixelFormat::BGRA_8_LOW,
@@ -105,80 +101,68 @@ TEST_F(RequestTest, DecoderWritesIntoTheFinalBufferOnlyWhereTheLayoutIsItsOwn) {
     EXPECT_TRUE(goesThroughOurs(96 * 4)) << "more than the clip has";
 }
 
+// Each field counts from one of three levels on: without settings of its own, with them, and with all of
+// them, the texts full and the gamma a custom one.
 TEST_F(RequestTest, EqualityFieldByField) {
     using Change = void (*)(TestRequest&);
-    struct Field {
+    constexpr Change levels[] = {[](TestRequest&) {}, [](TestRequest& r) { r.m_hasCustomSettings = true; },
+                                 [](TestRequest& r) {
+                                     r.m_hasCustomSettings = true;
+                                     std::memset(r.m_clipSettings.gamut, 'g', 63);
+                                     std::memset(r.m_clipSettings.lutMode, 'l', 11);
+                                     std::strcpy(r.m_clipSettings.gamma, brCustomGamma);
+                                 }};
+    constexpr size_t never = std::size(levels);
+    constexpr struct {
         const char* name;
+        size_t level;
         Change change;
-    };
-    const auto same = [](const TestRequest& a, const TestRequest& b) {
-        EXPECT_EQ(a.isSameRequest(b), b.isSameRequest(a));
-        return a.isSameRequest(b);
-    };
-    constexpr Field always[] = {
-        {"clip", [](TestRequest& r) { r.m_clipId = 1; }},
-        {"frame", [](TestRequest& r) { r.m_frameIndex = 1; }},
-        {"queue", [](TestRequest& r) { r.m_queueId = 3; }},
-        {"scale", [](TestRequest& r) { r.m_resolutionScale = blackmagicRawResolutionScaleHalf; }},
-        {"format", [](TestRequest& r) { r.m_pixelFormat = brPixelFormat::BGRA_8_LOW; }},
-        {"submitted", [](TestRequest& r) { r.m_isSubmitted = true; }},
-        {"custom", [](TestRequest& r) { r.m_hasCustomSettings = true; }}};
-    constexpr Field withSettings[] = {
-        {"color science", [](TestRequest& r) { r.m_clipSettings.colorScience = 5; }},
-        {"gamut's last letter", [](TestRequest& r) { r.m_clipSettings.gamut[63] = 'x'; }},
-        {"gamut compression", [](TestRequest& r) { r.m_clipSettings.gamutCompression = true; }},
-        {"gamma", [](TestRequest& r) { r.m_clipSettings.gamma[0] = 'x'; }},
-        {"recovery", [](TestRequest& r) { r.m_clipSettings.highlightRecovery = true; }},
-        {"LUT's last letter", [](TestRequest& r) { r.m_clipSettings.lutMode[11] = 'x'; }},
-        {"ISO", [](TestRequest& r) { r.m_frameSettings.iso = 801; }},
-        {"temperature", [](TestRequest& r) { r.m_frameSettings.colorTemp = 5501; }},
-        {"tint", [](TestRequest& r) { r.m_frameSettings.tint = 11; }},
-        {"exposure", [](TestRequest& r) { r.m_frameSettings.exposure = 0.5f; }}};
-    constexpr Field withCustomGamma[] = {
-        {"saturation", [](TestRequest& r) { r.m_clipSettings.saturation = 2; }},
-        {"contrast", [](TestRequest& r) { r.m_clipSettings.contrast = 2; }},
-        {"midpoint", [](TestRequest& r) { r.m_clipSettings.midpoint = 2; }},
-        {"highlights", [](TestRequest& r) { r.m_clipSettings.highlights = 2; }},
-        {"shadows", [](TestRequest& r) { r.m_clipSettings.shadows = 2; }},
-        {"white", [](TestRequest& r) { r.m_clipSettings.whiteLevel = 2; }},
-        {"black", [](TestRequest& r) { r.m_clipSettings.blackLevel = 2; }},
-        {"not a number", [](TestRequest& r) { r.m_clipSettings.blackLevel = NAN; }},
-        {"video black", [](TestRequest& r) { r.m_clipSettings.videoBlackLevel = true; }}};
-    constexpr Field never[] = {{"host number", [](TestRequest& r) { r.m_frameSettings.hostNumber = 1; }},
-                               {"host value", [](TestRequest& r) { r.m_frameSettings.hostValue = 1; }},
-                               {"frames", [](TestRequest& r) { r.m_frameCount = 1; }},
-                               {"joker", [](TestRequest& r) { r.m_queueId = brAnyQueueId; }}};
-    constexpr Change settings[] = {[](TestRequest&) {}, [](TestRequest& r) { r.m_hasCustomSettings = true; },
-                                   [](TestRequest& r) {
-                                       r.m_hasCustomSettings = true;
-                                       std::memset(r.m_clipSettings.gamut, 'g', 63);
-                                       std::memset(r.m_clipSettings.lutMode, 'l', 11);
-                                       std::strcpy(r.m_clipSettings.gamma, brCustomGamma);
-                                   }};
-    for (size_t level = 0; level < std::size(settings); ++level) {
-        const auto expect = [&](std::span<const Field> fields, bool differ) {
-            for (const auto& [name, change] : fields) {
-                TestRequest a, b;
-                settings[level](a);
-                settings[level](b);
-                EXPECT_TRUE(same(a, b));
-                change(b);
-                const bool isCustomItself = level != 0 && std::string_view(name) == "custom";
-                const bool needsFullTexts = level == 1 && std::string_view(name).ends_with("letter");
-                EXPECT_EQ(same(a, b), !differ || isCustomItself || needsFullTexts) << name << " " << level;
-            }
-        };
-        expect(always, true);
-        expect(withSettings, level >= 1);
-        expect(withCustomGamma, level == 2);
-        expect(never, false);
-    }
+    } fields[] = {
+        {"clip", 0, [](TestRequest& r) { r.m_clipId = 1; }},
+        {"frame", 0, [](TestRequest& r) { r.m_frameIndex = 1; }},
+        {"queue", 0, [](TestRequest& r) { r.m_queueId = 3; }},
+        {"scale", 0, [](TestRequest& r) { r.m_resolutionScale = blackmagicRawResolutionScaleHalf; }},
+        {"format", 0, [](TestRequest& r) { r.m_pixelFormat = brPixelFormat::BGRA_8_LOW; }},
+        {"submitted", 0, [](TestRequest& r) { r.m_isSubmitted = true; }},
+        {"custom", 0, [](TestRequest& r) { r.m_hasCustomSettings = !r.m_hasCustomSettings; }},
+        {"color science", 1, [](TestRequest& r) { r.m_clipSettings.colorScience = 5; }},
+        {"gamut's last letter", 2, [](TestRequest& r) { r.m_clipSettings.gamut[63] = 'x'; }},
+        {"gamut compression", 1, [](TestRequest& r) { r.m_clipSettings.gamutCompression = true; }},
+        {"gamma", 1, [](TestRequest& r) { r.m_clipSettings.gamma[0] = 'x'; }},
+        {"recovery", 1, [](TestRequest& r) { r.m_clipSettings.highlightRecovery = true; }},
+        {"LUT's last letter", 2, [](TestRequest& r) { r.m_clipSettings.lutMode[11] = 'x'; }},
+        {"ISO", 1, [](TestRequest& r) { r.m_frameSettings.iso = 801; }},
+        {"temperature", 1, [](TestRequest& r) { r.m_frameSettings.colorTemp = 5501; }},
+        {"tint", 1, [](TestRequest& r) { r.m_frameSettings.tint = 11; }},
+        {"exposure", 1, [](TestRequest& r) { r.m_frameSettings.exposure = 0.5f; }},
+        {"saturation", 2, [](TestRequest& r) { r.m_clipSettings.saturation = 2; }},
+        {"contrast", 2, [](TestRequest& r) { r.m_clipSettings.contrast = 2; }},
+        {"midpoint", 2, [](TestRequest& r) { r.m_clipSettings.midpoint = 2; }},
+        {"highlights", 2, [](TestRequest& r) { r.m_clipSettings.highlights = 2; }},
+        {"shadows", 2, [](TestRequest& r) { r.m_clipSettings.shadows = 2; }},
+        {"white", 2, [](TestRequest& r) { r.m_clipSettings.whiteLevel = 2; }},
+        {"black", 2, [](TestRequest& r) { r.m_clipSettings.blackLevel = 2; }},
+        {"not a number", 2, [](TestRequest& r) { r.m_clipSettings.blackLevel = NAN; }},
+        {"video black", 2, [](TestRequest& r) { r.m_clipSettings.videoBlackLevel = true; }},
+        {"host number", never, [](TestRequest& r) { r.m_frameSettings.hostNumber = 1; }},
+        {"host value", never, [](TestRequest& r) { r.m_frameSettings.hostValue = 1; }},
+        {"frames", never, [](TestRequest& r) { r.m_frameCount = 1; }},
+        {"joker", never, [](TestRequest& r) { r.m_queueId = brAnyQueueId; }}};
+    for (size_t level = 0; level < std::size(levels); ++level)
+        for (const auto& [name, from, change] : fields) {
+            TestRequest a, b;
+            levels[level](a);
+            levels[level](b);
+            EXPECT_TRUE(a.isSameRequest(b));
+            change(b);
+            EXPECT_EQ(a.isSameRequest(b), level < from) << name << " " << level;
+            EXPECT_EQ(b.isSameRequest(a), level < from) << name << " " << level;
+        }
 }
 
 TEST_F(RequestTest, CustomSettingsAndLutReachTheDecoder) {
-    ASSERT_EQ(init(), 0);
     m_decoder.setClipsHaveLut(true);
-    const auto clip = addClip(m_clipPath);
+    const auto clip = start();
     // A refused attribute ends the request, in the stage that sends it.
     const std::string refused = "(3) Setting ISO Attribute failed : " + hresultText(E_FAIL);
     for (const std::string& error : {std::string(), refused}) {
@@ -205,11 +189,9 @@ TEST_F(RequestTest, GpuThatCannotBeBoundIsTolerated) {
     EXPECT_FALSE(m_manager->createBufferManager()->m_isGPU) << "no decoder would stand behind the buffers";
 }
 
-// The first pixel's channels in each format, as the decoder and the conversion make them; the picture's top
-// row or its bottom row first, as the format says.
+// The corners' channels in each format, as the decoder and the conversion make them, on the CPU and on a GPU
+// (with and without working memory), the picture's top row or its bottom row first, as the format says.
 TEST_F(RequestTest, EveryFormatHasItsChannelsAndItsDirection) {
-    ASSERT_EQ(init(), 0);
-    const auto clip = addClip(m_clipPath);
     const struct {
         brPixelFormat format;
         const char* channels; ///< in memory order
@@ -221,40 +203,46 @@ TEST_F(RequestTest, EveryFormatHasItsChannelsAndItsDirection) {
         {brPixelFormat::ARGB_8_UP, "ARGB", 255},     {brPixelFormat::ARGB_16_UP, "ARGB", 32768},
         {brPixelFormat::ARGB_32_UP, "ARGB", 1},      {brPixelFormat::RGBA_8_UP, "RGBA", 255},
     };
-    for (const auto& [format, channels, opaque, isFlipped] : cases) {
-        SCOPED_TRACE(pixelFormatName(format));
-        const auto request = makeRequest(*clip, format);
-        ASSERT_EQ(m_manager->ProcessFrameSync(request), 0);
-        ASSERT_EQ(request->m_errorMessage, "");
-        for (const uint32_t x : {0u, 95u})
-            for (const uint32_t y : {0u, 63u}) {
-                const uint8_t* pixel = &request->pixels[(size_t{y} * 96 + x) * pixelFormatBytes(format)];
-                const auto bgra = expectedPixel(m_clipFile, 1, x, isFlipped ? 63 - y : y);
-                for (int i = 0; i < 4; ++i) {
-                    const size_t channel = std::string_view("BGRA").find(channels[i]);
-                    const double value = opaque == 255     ? pixel[i]
-                                         : opaque == 32768 ? reinterpret_cast<const uint16_t*>(pixel)[i]
-                                                           : reinterpret_cast<const float*>(pixel)[i];
-                    EXPECT_NEAR(value / opaque, bgra[channel] / 255.0, 1e-3) << x << ", " << y << channels[i];
+    m_decoder.setClipsHaveLut(true);
+    m_decoder.setGuardResources(true);
+    for (const bool isGpu : {false, true})
+        for (const uint32_t padding : {0u, 16u}) {
+            m_decoder.setManners(padding ? ReferenceDecoderManners::noWorkingMemory
+                                         : ReferenceDecoderManners::none);
+            const auto clip = start(isGpu);
+            for (const auto& [format, channels, opaque, isFlipped] : cases) {
+                SCOPED_TRACE(pixelFormatName(format) + (isGpu ? " GPU +" : " +") + std::to_string(padding));
+                const auto request = makeRequest(*clip, format, padding);
+                request->cloneProcessingAttributes(*clip);
+                ASSERT_EQ(m_manager->ProcessFrameSync(request), 0);
+                ASSERT_EQ(request->m_errorMessage, "");
+                ASSERT_EQ(request->m_bufferManager->m_isGPU, isGpu);
+                EXPECT_EQ(request->m_bufferManager->m_workingBuffer.resource != nullptr, isGpu && !padding);
+                for (const auto& [x, y] : {std::pair(0u, 0u), {95u, 0u}, {0u, 63u}, {95u, 63u}}) {
+                    const size_t row = size_t{y} * static_cast<uint32_t>(request->m_rowBytes);
+                    const uint8_t* pixel = &request->pixels[row + x * pixelFormatBytes(format)];
+                    const auto bgra = expectedPixel(m_clipFile, 1, x, isFlipped ? 63 - y : y);
+                    for (int i = 0; i < 4; ++i) {
+                        const size_t channel = std::string_view("BGRA").find(channels[i]);
+                        const double value = opaque == 255     ? pixel[i]
+                                             : opaque == 32768 ? reinterpret_cast<const uint16_t*>(pixel)[i]
+                                                               : reinterpret_cast<const float*>(pixel)[i];
+                        EXPECT_NEAR(value / opaque, bgra[channel] / 255.0, 1e-3)
+                            << x << ", " << y << channels[i];
+                    }
                 }
             }
-    }
+        }
+    EXPECT_EQ(m_decoder.account().jobsWithLut, static_cast<int64_t>(4 * std::size(cases)));
 }
 
 // A device without free memory, or one that cannot tell: all is done on the CPU, with buffers of its kind.
 TEST_F(RequestTest, GpuWithoutFreeMemoryLeavesItToTheCpu) {
-    ASSERT_EQ(init(true), 0);
-    const auto control = [](const char* name) {
-        return reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA(cudaRuntimeFile), name));
-    };
-    const auto setMemory = reinterpret_cast<void (*)(size_t, size_t)>(control("standInSetMemory"));
-    const auto setError = reinterpret_cast<void (*)(int)>(control("standInSetError"));
-    const auto clip = addClip(m_clipPath);
+    const auto clip = start(true);
+    const auto setMemory = standIn<void(size_t, size_t)>("standInSetMemory");
+    const auto setError = standIn<void(int)>("standInSetError");
     for (const bool cannotTell : {false, true}) {
-        if (cannotTell)
-            setError(2);
-        else
-            setMemory(0, 8);
+        cannotTell ? setError(2) : setMemory(0, 8);
         const auto request = makeRequest(*clip, brPixelFormat::BGRA_8_LOW, 4);
         setError(0);
         setMemory(size_t{6} << 30, size_t{8} << 30);
@@ -264,44 +252,12 @@ TEST_F(RequestTest, GpuWithoutFreeMemoryLeavesItToTheCpu) {
         EXPECT_EQ(m_manager->ProcessFrameSync(request), 0);
         EXPECT_EQ(request->m_errorMessage, "");
         const auto expected = expectedPixel(m_clipFile, 1, 95, 63);
-        EXPECT_TRUE(
-            std::equal(expected.begin(), expected.end(), &request->pixels[63 * (96 * 4 + 4) + 95 * 4]));
+        EXPECT_TRUE(std::equal(expected.begin(), expected.end(), request->pixels.end() - 8));
         EXPECT_EQ(buffers.m_decodedBufferGPU.resource, nullptr);
     }
     setMemory(1, 8);
     EXPECT_TRUE(m_manager->createBufferManager()->m_isGPU) << "any free byte keeps the device";
     setMemory(size_t{6} << 30, size_t{8} << 30);
-}
-
-TEST_F(RequestTest, GpuRoadGivesThePixelsOfTheClip) {
-    ASSERT_EQ(init(true), 0);
-    EXPECT_TRUE(m_manager->m_manualDecoderGPU);
-    m_decoder.setClipsHaveLut(true);
-    m_decoder.setGuardResources(true);
-    const auto clip = addClip(m_clipPath);
-    for (const uint32_t padding : {0u, 16u}) {
-        m_decoder.setManners(padding ? ReferenceDecoderManners::noWorkingMemory
-                                     : ReferenceDecoderManners::none);
-        for (const brPixelFormat format : {brPixelFormat::BGRA_8_LOW, brPixelFormat::ARGB_8_UP}) {
-            const auto request = makeRequest(*clip, format, padding);
-            ASSERT_TRUE(request->m_bufferManager->m_isGPU);
-            request->cloneProcessingAttributes(*clip);
-            EXPECT_EQ(m_manager->ProcessFrameSync(request), 0);
-            EXPECT_EQ(request->m_errorMessage, "");
-            size_t wrong = 0;
-            for (uint32_t y = 0; y < m_clipFile.height; ++y)
-                for (uint32_t x = 0; x < m_clipFile.width; ++x) {
-                    auto expected = expectedPixel(m_clipFile, 1, x, y);
-                    if (format == brPixelFormat::ARGB_8_UP)
-                        std::reverse(expected.begin(), expected.end());
-                    const size_t at = y * static_cast<uint32_t>(request->m_rowBytes) + x * 4;
-                    wrong += !std::equal(expected.begin(), expected.end(), &request->pixels[at]);
-                }
-            EXPECT_EQ(wrong, 0u) << pixelFormatName(format) << " +" << padding;
-            EXPECT_EQ(request->m_bufferManager->m_workingBuffer.resource == nullptr, padding != 0);
-        }
-    }
-    EXPECT_EQ(m_decoder.account().jobsWithLut, 4);
 }
 
 } // namespace

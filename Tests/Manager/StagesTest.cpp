@@ -28,10 +28,9 @@ struct BufferFault {
 
 class StagesTest : public DecodeCoreTest {
 protected:
-    std::shared_ptr<vdBRAW_Clip> start(bool isGpu) {
-        EXPECT_EQ(init(isGpu), 0);
+    void SetUp() override {
+        DecodeCoreTest::SetUp();
         m_decoder.setClipsHaveLut(true);
-        return addClip(m_clipPath);
     }
 
     /// A request with all that a host can ask for, and with a processed buffer of its own.

@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <string_view>
 
 #include <gtest/gtest.h>
 #include <windows.h>
@@ -12,45 +11,29 @@
 #include "ReferenceDecoderControl.h"
 
 namespace {
-/// Seconds that a test may take, on a machine that is busy with others. The first row whose text begins the
-/// test's full name counts.
-constexpr struct {
-    std::string_view begins;
-    ULONGLONG seconds;
-} limits[] = {
-    {"", 120},
-};
+/// What a test may take, on a machine that is busy with others.
+constexpr ULONGLONG usualSeconds = 120;
 
 constexpr UINT exitCodeOfHang = 4;
 
 /// Watches one test after the other from a thread of its own.
 class Watch : public testing::EmptyTestEventListener {
 public:
-    explicit Watch(ULONGLONG secondsForAll) : m_secondsForAll(secondsForAll) {}
+    explicit Watch(ULONGLONG limit) : m_limit(limit) {}
 
     void begin() { CloseHandle(CreateThread(nullptr, 0, &Watch::run, this, 0, nullptr)); }
 
     void OnTestStart(const testing::TestInfo& test) override {
         const std::string name = std::string(test.test_suite_name()) + "." + test.name();
         // A test in a process of its own ends before the one that waits for it does.
-        const ULONGLONG seconds = secondsFor(name) * (name.find(".DISABLED_") == name.npos ? 4 : 3) / 4;
+        m_seconds = m_limit * (name.find(".DISABLED_") == name.npos ? 4 : 3) / 4;
         std::snprintf(m_name, sizeof m_name, "%s", name.c_str());
-        m_seconds = seconds;
-        m_deadline = GetTickCount64() + seconds * 1000;
+        m_deadline = GetTickCount64() + m_seconds * 1000;
     }
     void OnTestEnd(const testing::TestInfo&) override { m_deadline = never; }
 
 private:
     static constexpr ULONGLONG never = ~0ull;
-
-    ULONGLONG secondsFor(std::string_view name) const {
-        if (m_secondsForAll != 0)
-            return m_secondsForAll;
-        for (const auto& [begins, seconds] : limits)
-            if (name.substr(0, begins.size()) == begins)
-                return seconds;
-        return never / 1000;
-    }
 
     static DWORD WINAPI run(void* self) {
         auto& watch = *static_cast<Watch*>(self);
@@ -71,7 +54,7 @@ private:
         TerminateProcess(GetCurrentProcess(), exitCodeOfHang);
     }
 
-    ULONGLONG m_secondsForAll;
+    const ULONGLONG m_limit;
     std::atomic<ULONGLONG> m_deadline{never};
     ULONGLONG m_seconds = 0;
     char m_name[256] = {};
@@ -80,7 +63,7 @@ private:
 
 void watchTests() {
     const char* const seconds = std::getenv("CLIPFORGE_TEST_SECONDS"); // for all tests; for trying the watch
-    auto* const watch = new Watch(seconds == nullptr ? 0 : std::strtoull(seconds, nullptr, 10));
+    auto* const watch = new Watch(seconds ? std::strtoull(seconds, nullptr, 10) : usualSeconds);
     testing::UnitTest::GetInstance()->listeners().Append(watch); // owns it from now on
     watch->begin();
 }

@@ -54,8 +54,7 @@ void run(ProofForm form, ProofTally& tally) {
     Road roads[] = {
         {handler(64), *librariesAllocator(), true, 1},
         {handler(200), *librariesAllocator(), true, 5},
-        {makeGpuScenario(), programAllocator(), false, 5},
-        {makeSettingsScenario(), programAllocator(), false, 5},
+        {makeCoreScenario(), programAllocator(), false, 5},
     };
     for (Road& road : roads) {
         tally.attempt(road.scenario->name() + ", with memory",

@@ -1,4 +1,4 @@
-// The roads without the handler: the decode core in this process, on a decoder that is linked in.
+// The road without the handler: the decode core in this process, on a decoder that is linked in.
 #include <cstring>
 
 #include "GuardedBitmaps.h"
@@ -31,20 +31,18 @@ public:
     GuardedImage m_image;
 };
 
-class CoreScenario : public Scenario {
+class CoreScenario final : public Scenario {
 public:
-    CoreScenario(const char* name, bool useGpu) : Scenario(name, clip), m_useGpu(useGpu) {
+    CoreScenario() : Scenario("core", clip) {
         // Loaded by its full path first, the stand-in is what the core finds by its name.
-        if (useGpu)
-            LoadLibraryW(builtFile("cuda", L"cudart64_110.dll").c_str());
+        LoadLibraryW(builtFile("cuda", L"cudart64_110.dll").c_str());
     }
-
-protected:
-    virtual void prepareRequest(vdBRAW_Request&) const {}
 
 private:
     static inline const TestClip clip{64, 48};
     static constexpr brPixelFormat formats[] = {brPixelFormat::BGRA_8_LOW, brPixelFormat::BGRA_16_LOW};
+
+    void prepareDecoder() override { decoder().setClipsHaveLut(true); }
 
     void work(ScenarioOutcome& outcome) override {
         outcome.pictures.resize(std::size(formats));
@@ -69,7 +67,7 @@ private:
         instance->factory = createReferenceDecoderFactory();
         instance->isInitialised = instance->factory != nullptr;
         instance->libraryFolder = vdBstr(m_libraryFolder);
-        instance->useGpuPipeline = m_useGpu;
+        instance->useGpuPipeline = true;
         if (g_manager->init(std::move(instance)) != 0)
             return E_UNEXPECTED;
         uint64_t id = 0;
@@ -86,7 +84,9 @@ private:
         const auto width = static_cast<int32_t>(opened.m_width);
         const auto height = static_cast<int32_t>(opened.m_height);
         const auto request = std::make_shared<CoreRequest>();
-        prepareRequest(*request);
+        request->m_hasCustomSettings = true;
+        std::strncpy(request->m_clipSettings.gamma, brCustomGamma, sizeof request->m_clipSettings.gamma);
+        std::strncpy(request->m_clipSettings.lutMode, "Embedded", sizeof request->m_clipSettings.lutMode);
         const vdStatus scaled = request->setScaleAndDimensions(
             opened, {0, width, clip.width}, {0, height, clip.height},
             {0, 0, static_cast<int32_t>(clip.width), static_cast<int32_t>(clip.height)});
@@ -110,30 +110,12 @@ private:
         return S_OK;
     }
 
-    const bool m_useGpu;
     const std::string m_clipText = m_folder.text("clip.braw");
     const std::wstring m_libraryFolder = builtFile("bin", L"");
 };
 
-class SettingsScenario final : public CoreScenario {
-public:
-    SettingsScenario() : CoreScenario("settings", false) {}
-
-private:
-    void prepareDecoder() override { decoder().setClipsHaveLut(true); }
-    void prepareRequest(vdBRAW_Request& request) const override {
-        request.m_hasCustomSettings = true;
-        std::strncpy(request.m_clipSettings.gamma, brCustomGamma, sizeof request.m_clipSettings.gamma);
-        std::strncpy(request.m_clipSettings.lutMode, "Embedded", sizeof request.m_clipSettings.lutMode);
-        request.m_frameSettings.exposure = 1.0f;
-    }
-};
-
 } // namespace
 
-std::unique_ptr<Scenario> makeGpuScenario() {
-    return std::make_unique<CoreScenario>("gpu", true);
-}
-std::unique_ptr<Scenario> makeSettingsScenario() {
-    return std::make_unique<SettingsScenario>();
+std::unique_ptr<Scenario> makeCoreScenario() {
+    return std::make_unique<CoreScenario>();
 }

@@ -61,11 +61,11 @@ constexpr PictureShaper pictureShapers[] = {
     {"IBlackmagicRawClipResolutions::GetResolutionCount"}, // fewer to choose from
     {"IBlackmagicRawClipGeometry::SetVerticalFlip", "", true},
     // Where the picture has another size than the image, the image's own is all there is to go by.
-    {"IBlackmagicRawProcessedImage::GetWidth", "thumbnail 200, gpu, settings"},
-    {"IBlackmagicRawProcessedImage::GetHeight", "thumbnail 200, gpu, settings"},
-    {"IBlackmagicRawProcessedImage::GetResourceSizeBytes", "gpu, settings"},
-    {"IBlackmagicRawManualDecoderFlow2::GetDecodedSizeBytes", "gpu"}, // how much goes to the device
-    {"IBlackmagicRawResourceManager::CopyResource", "gpu"},
+    {"IBlackmagicRawProcessedImage::GetWidth", "thumbnail 200, core"},
+    {"IBlackmagicRawProcessedImage::GetHeight", "thumbnail 200, core"},
+    {"IBlackmagicRawProcessedImage::GetResourceSizeBytes", "core"},
+    {"IBlackmagicRawManualDecoderFlow2::GetDecodedSizeBytes", "core"}, // how much goes to the device
+    {"IBlackmagicRawResourceManager::CopyResource", "core"},
 };
 
 Expected expectedOf(const FaultRow& row, const std::string& call, const std::string& scenario) {
@@ -81,7 +81,7 @@ Expected expectedOf(const FaultRow& row, const std::string& call, const std::str
 
 std::unique_ptr<Scenario> (*const scenarioMakers[])() = {[] { return makeThumbnailScenario(); },
                                                          [] { return makeThumbnailScenario({.size = 200}); },
-                                                         makeGpuScenario, makeSettingsScenario};
+                                                         makeCoreScenario};
 
 /// A job whose completion never comes may still be running, for all that anybody can tell.
 bool leavesJobRunning(const ReferenceDecoderFault& fault) {
@@ -129,20 +129,28 @@ std::string tryLastingFault(const std::vector<std::string>& arguments) {
 const ProofChild lastingFault{"lasting fault", tryLastingFault};
 const ProofEntry lastingFaultEntry(lastingFault);
 
-void tryInChild(size_t scenarioIndex, ProofTally& tally, const std::string& what,
-                const ReferenceDecoderFault& fault, uint32_t jobDelay = 0,
-                ReferenceDecoderManners manners = ReferenceDecoderManners::none) {
-    tally.attempt(what, [&] {
-        return troubleInChild(lastingFault,
-                              {std::to_string(scenarioIndex), fault.name, std::to_string(fault.occurrence),
-                               std::to_string(static_cast<uint32_t>(fault.kind)), std::to_string(jobDelay),
-                               std::to_string(static_cast<uint32_t>(manners))});
-    });
+/// A kind of decoder, asked by the number of its road.
+struct Road {
+    size_t number;
+    std::unique_ptr<Scenario> scenario = scenarioMakers[number]();
+    ReferenceDecoderManners manners = ReferenceDecoderManners::none;
+};
+
+/// What lasts is tried in a process of its own, which takes seconds.
+bool lasts(const ReferenceDecoderFault& fault) {
+    return leavesJobRunning(fault) || neverFlushes(fault);
 }
 
-void tryFault(Scenario& scenario, ProofTally& tally, const std::string& what,
+void tryFault(const Road& road, ProofTally& tally, const std::string& what,
               const ReferenceDecoderFault& fault, Expected expected, uint32_t jobDelay = 0) {
-    tally.attempt(scenario.name() + ", " + what, [&] {
+    Scenario& scenario = *road.scenario;
+    const std::string title = fault.name + " #" + std::to_string(fault.occurrence) + ": " + what;
+    tally.attempt(scenario.name() + ", " + title, [&] {
+        if (lasts(fault))
+            return troubleInChild(
+                lastingFault, {std::to_string(road.number), fault.name, std::to_string(fault.occurrence),
+                               std::to_string(static_cast<uint32_t>(fault.kind)), std::to_string(jobDelay),
+                               std::to_string(static_cast<uint32_t>(road.manners))});
         const ScenarioOutcome outcome = scenario.run({fault}, jobDelay);
         if (fault.name == "IBlackmagicRawResourceManager::ReleaseResource" &&
             (fault.kind == Kind::fail || fault.kind == Kind::succeedEmpty))
@@ -154,48 +162,42 @@ void tryFault(Scenario& scenario, ProofTally& tally, const std::string& what,
     });
 }
 
-void tryEveryCall(Scenario& scenario, size_t scenarioIndex, ProofForm form, ProofTally& tally) {
+void tryEveryCall(const Road& road, ProofForm form, ProofTally& tally) {
+    Scenario& scenario = *road.scenario;
     tally.attempt(scenario.name() + ", no fault", [&] { return scenario.troubleInGoodRun(); });
     const std::vector<ReferenceDecoderCall> calls = scenario.decoder().recording();
     constexpr size_t sample = 11;
     size_t number = 0;
     for (const FaultRow& row : rows)
         for (const ReferenceDecoderCall& call : calls) {
-            const bool isWhole = form == ProofForm::full || (scenarioIndex == 0 && row.isInBrief);
+            const bool isWhole = form == ProofForm::full || (road.number == 0 && row.isInBrief);
             if (!applies(row, call.name) || (!isWhole && number++ % sample != 0))
                 continue;
-            const std::string what = call.name + " #" + std::to_string(call.occurrence) + ": " + row.what;
             const ReferenceDecoderFault fault{call.name, call.occurrence, row.kind, row.value};
-            if (!leavesJobRunning(fault))
-                tryFault(scenario, tally, what, fault, expectedOf(row, call.name, scenario.name()));
-            else if (form == ProofForm::full || call.occurrence == 2) // they take seconds
-                tryInChild(scenarioIndex, tally, scenario.name() + ", " + what, fault);
+            if (form == ProofForm::full || !lasts(fault) || call.occurrence == 2)
+                tryFault(road, tally, row.what, fault, expectedOf(row, call.name, scenario.name()));
         }
 }
 
 /// The flush that shall wait for the jobs fails at once, while they run; and every later one as well.
-void tryFlushes(Scenario& scenario, size_t scenarioIndex, ProofForm form, ProofTally& tally) {
+void tryFlushes(const Road& road, ProofForm form, ProofTally& tally) {
     for (const uint32_t jobDelay : {1u, 5u, 20u, 60u})
         for (const uint32_t occurrence : {0u, 1u})
             for (const Kind kind : {Kind::fail, Kind::succeedEmpty}) {
-                const std::string what = "flush #" + std::to_string(occurrence) +
-                                         (kind == Kind::fail ? " fails" : " does nothing") +
-                                         " before jobs of " + std::to_string(jobDelay) + " ms";
                 const ReferenceDecoderFault fault{"IBlackmagicRaw::FlushJobs", occurrence, kind, E_FAIL};
-                if (form == ProofForm::brief && jobDelay != 20)
-                    continue;
-                if (!neverFlushes(fault))
-                    tryFault(scenario, tally, what, fault, Expected::rightIfAny, jobDelay);
-                else if (form == ProofForm::full || scenarioIndex == 0)
-                    tryInChild(scenarioIndex, tally, scenario.name() + ", " + what, fault, jobDelay);
+                if (form == ProofForm::full || (jobDelay == 20 && (!lasts(fault) || road.number == 0)))
+                    tryFault(road, tally,
+                             std::string(kind == Kind::fail ? "fails" : "does nothing") + " before jobs of " +
+                                 std::to_string(jobDelay) + " ms",
+                             fault, Expected::rightIfAny, jobDelay);
             }
 }
 
 void run(ProofForm form, ProofTally& tally) {
     for (size_t i = 0; i < std::size(scenarioMakers); ++i) {
-        const auto scenario = scenarioMakers[i]();
-        tryEveryCall(*scenario, i, form, tally);
-        tryFlushes(*scenario, i, form, tally);
+        const Road road{i};
+        tryEveryCall(road, form, tally);
+        tryFlushes(road, form, tally);
     }
 }
 
@@ -224,20 +226,18 @@ void tryManners(ProofForm form, ProofTally& tally) {
         {"IBlackmagicRawJob::GetUserData", 3},   {"IBlackmagicRawJob::GetUserData", 0},
         {"IBlackmagicRawCallback::ReadComplete"}};
     for (size_t i = 0; i < std::size(scenarioMakers); ++i) {
-        const auto scenario = scenarioMakers[i]();
+        Road road{i};
         for (const auto& [what, manners] : all) {
-            scenario->setManners(manners);
-            tally.attempt(scenario->name() + ", " + what, [&] { return scenario->troubleInGoodRun(); });
+            road.manners = manners;
+            road.scenario->setManners(manners);
+            tally.attempt(road.scenario->name() + ", " + what,
+                          [&] { return road.scenario->troubleInGoodRun(); });
             for (ReferenceDecoderFault fault : faults) {
                 fault.value = E_FAIL;
-                const std::string title =
-                    std::string(what) + ", " + fault.name + " #" + std::to_string(fault.occurrence);
-                const bool isWhole = form == ProofForm::full;
-                if (!neverFlushes(fault)) {
-                    if (isWhole || i == 0)
-                        tryFault(*scenario, tally, title, fault, Expected::rightIfAny, 10);
-                } else if (isWhole ? i % 2 == 0 : i == 0 && manners == worst)
-                    tryInChild(i, tally, scenario->name() + ", " + title, fault, 10, manners);
+                const bool isInFull = !neverFlushes(fault) || i % 2 == 0;
+                const bool isInBrief = i == 0 && (!neverFlushes(fault) || manners == worst);
+                if (form == ProofForm::full ? isInFull : isInBrief)
+                    tryFault(road, tally, what, fault, Expected::rightIfAny, 10);
             }
         }
     }

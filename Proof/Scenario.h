@@ -1,5 +1,5 @@
-// What the proof asks the products, over and over: for pictures that are known, on three roads that trouble
-// can be sent down, a thumbnail through the handler library and two on which the decode core works in this
+// What the proof asks the products, over and over: for pictures that are known, on two roads that trouble can
+// be sent down, a thumbnail through the handler library and one on which the decode core works in this
 // process. And what may not be left once the answer is there.
 #pragma once
 
@@ -156,7 +156,6 @@ struct ThumbnailScenarioSettings {
 };
 /// The handler library by COM's rules. A size above 180 asks for more than the clip has.
 std::unique_ptr<Scenario> makeThumbnailScenario(const ThumbnailScenarioSettings& settings = {});
-/// The decode core with a GPU pipeline, into memory of a host's: a plain and a converted picture.
-std::unique_ptr<Scenario> makeGpuScenario();
-/// The decode core on the CPU with custom settings throughout, on clips with a LUT; two pictures again.
-std::unique_ptr<Scenario> makeSettingsScenario();
+/// The decode core with a GPU pipeline and custom settings throughout, on a clip with a LUT, into memory of a
+/// host's: a plain and a converted picture.
+std::unique_ptr<Scenario> makeCoreScenario();

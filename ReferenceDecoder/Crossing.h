@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <limits>
 #include <new>
 #include <string_view>
 #include <type_traits>
@@ -110,7 +111,8 @@ public:
                 output = static_cast<Output>(output - Output{1});
                 break;
             case ReferenceDecoderFaultKind::allOnes:
-                output = static_cast<Output>(0xFFFFFFFFu);
+                output = std::is_integral_v<Output> ? static_cast<Output>(0xFFFFFFFFu)
+                                                    : std::numeric_limits<Output>::quiet_NaN();
                 break;
             case ReferenceDecoderFaultKind::zero:
                 output = Output{};

@@ -41,7 +41,7 @@ enum class ReferenceDecoderFaultKind : uint32_t {
     succeedEmpty, ///< a call returns S_OK with null or zero outputs, its work undone; a callback gets no
                   ///< object
     oneLess,      ///< number outputs are one less
-    allOnes,      ///< number outputs are 0xFFFFFFFF
+    allOnes,      ///< number outputs are 0xFFFFFFFF, or no number
     zero,         ///< number outputs are 0, the work done
     value,        ///< number outputs are `value`
     drop,         ///< a callback never comes
@@ -81,7 +81,8 @@ struct ReferenceDecoderControl {
         std::atomic<int64_t> jobsWithLut;
         std::atomic<int64_t> statesWithClipAttributes;
         std::atomic<int64_t> statesWithFrameAttributes;
-        std::atomic<int64_t> loads; ///< of the library; not counted where the decoder is linked in
+        std::atomic<int64_t> copiesAsync; ///< between resources, that need not be done at once
+        std::atomic<int64_t> loads;       ///< of the library; not counted where the decoder is linked in
         std::atomic<int64_t> unloads;
         std::atomic<int64_t> unbalancedUnloads;
         std::atomic<int64_t> faultsFired;

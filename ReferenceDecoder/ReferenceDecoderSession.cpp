@@ -42,6 +42,7 @@ constexpr Counter kCounters[] = {
     COUNTER(jobsWithLut, false, false),
     COUNTER(statesWithClipAttributes, false, false),
     COUNTER(statesWithFrameAttributes, false, false),
+    COUNTER(copiesAsync, false, false),
     COUNTER(loads, false, false),
     COUNTER(unloads, false, false),
     COUNTER(unbalancedUnloads, false, true),

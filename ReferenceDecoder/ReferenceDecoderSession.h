@@ -14,6 +14,7 @@ struct ReferenceDecoderAccount {
     int64_t liveReferences, liveObjects, liveResources, liveResourceBytes, peakResourceBytes;
     int64_t overReleases, usesAfterRelease, resourceFaults, badArguments, callbackThrows;
     int64_t jobsSubmitted, jobsCompleted, jobsWithLut, statesWithClipAttributes, statesWithFrameAttributes;
+    int64_t copiesAsync;
     int64_t loads, unloads, unbalancedUnloads, faultsFired;
     int64_t callerNanoseconds, callbackNanoseconds, callbackLibraryNanoseconds;
 

@@ -17,13 +17,14 @@ struct Resource {
     BlackmagicRawResourceType type;
     void* pages;
     bool isGuarded;
+    bool isForGpuAlone; ///< a GPU's, and only a GPU writes it
 };
 
 /// All resources by address. Guarded ones that were released stay reserved, and so inaccessible, until some
 /// more have been.
 class ResourceTable {
 public:
-    HRESULT create(uint64_t bytes, BlackmagicRawResourceType type, void** resource) {
+    HRESULT create(uint64_t bytes, BlackmagicRawResourceType type, void** resource, bool isForGpuAlone) {
         const bool isGuarded = referenceDecoderControl().guardResources;
         const uint64_t wholePages = (bytes + kPage - 1) / kPage * kPage;
         void* pages =
@@ -37,7 +38,7 @@ public:
         void* const start = static_cast<char*>(pages) + (isGuarded ? wholePages - bytes : 0);
         {
             const Lock::Guard guard(m_lock);
-            m_resources.emplace(start, Resource{bytes, type, pages, isGuarded});
+            m_resources.emplace(start, Resource{bytes, type, pages, isGuarded, isForGpuAlone});
         }
         count(bytes);
         *resource = start;
@@ -82,6 +83,12 @@ public:
         bytesLeft = resource.bytes - offset;
         type = resource.type;
         return true;
+    }
+
+    bool isForGpuAlone(void* start) {
+        const Lock::Guard guard(m_lock);
+        const auto found = m_resources.find(start);
+        return found != m_resources.end() && found->second.isForGpuAlone;
     }
 
     ~ResourceTable() {
@@ -138,8 +145,8 @@ void* gpuCommandQueue() {
     return &s_commandQueue;
 }
 
-HRESULT createResource(uint64_t bytes, BlackmagicRawResourceType type, void** resource) {
-    return table().create(bytes, type, resource);
+HRESULT createResource(uint64_t bytes, BlackmagicRawResourceType type, void** resource, bool isForGpuAlone) {
+    return table().create(bytes, type, resource, isForGpuAlone);
 }
 
 HRESULT releaseResource(void* resource, BlackmagicRawResourceType type) {
@@ -185,7 +192,10 @@ HRESULT ResourceManager::CreateResource(void* context, void* commandQueue, uint3
                                                 usage == blackmagicRawResourceUsageReadGPUWriteGPU;
             if (sizeBytes == 0 || !isUsageRight || !isRightPlace(context, commandQueue, type))
                 return badArgument();
-            return sizeBytes > kLargestResource ? E_OUTOFMEMORY : createResource(sizeBytes, type, resource);
+            if (sizeBytes > kLargestResource)
+                return E_OUTOFMEMORY;
+            return createResource(sizeBytes, type, resource,
+                                  usage == blackmagicRawResourceUsageReadGPUWriteGPU);
         },
         resource);
 }
@@ -206,10 +216,11 @@ HRESULT ResourceManager::CopyResource(void* context, void* commandQueue, void* s
     return cross<"IBlackmagicRawResourceManager::CopyResource">([&]() -> HRESULT {
         const BlackmagicRawResourceType side = isDevice(sourceType) ? sourceType : destinationType;
         if (!isRightPlace(context, commandQueue, side) || !fitsBuffer(source, sizeBytes, sourceType) ||
-            !fitsBuffer(destination, sizeBytes, destinationType))
+            !fitsBuffer(destination, sizeBytes, destinationType) ||
+            (!isDevice(sourceType) && table().isForGpuAlone(destination)))
             return resourceFault();
         // An asynchronous copy may be done at once: nothing that follows on the queue can tell.
-        static_cast<void>(copyAsync);
+        account().copiesAsync += copyAsync != FALSE;
         std::memmove(destination, source, sizeBytes);
         return S_OK;
     });

@@ -11,7 +11,9 @@ namespace reference {
 void* gpuContext();
 void* gpuCommandQueue();
 
-HRESULT createResource(uint64_t bytes, BlackmagicRawResourceType type, void** resource);
+/// What is for the GPU alone is never copied to from the host.
+HRESULT createResource(uint64_t bytes, BlackmagicRawResourceType type, void** resource,
+                       bool isForGpuAlone = false);
 HRESULT releaseResource(void* resource, BlackmagicRawResourceType type);
 
 /// How much larger than its contents every buffer must be.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -122,20 +123,19 @@ private:
     std::vector<std::shared_ptr<vdBRAW_Clip>> allClips();
     size_t openedClipCount() const;
 
+    using Queue = std::list<std::shared_ptr<vdBRAW_Request>>;
+
     /// Room in the queue for one request, had before its job is submitted: what could not be queued then
-    /// could not be called back. Given back when it was not used.
+    /// could not be called back. Goes when it was not used.
     class QueueSlot {
     public:
-        QueueSlot(vdBRAW_Manager& manager, const char* function); ///< may throw; no room is taken then
-        ~QueueSlot();
-        QueueSlot(const QueueSlot&) = delete;
-        QueueSlot& operator=(const QueueSlot&) = delete;
+        explicit QueueSlot(vdBRAW_Manager& manager) : m_manager(manager), m_room(1) {} ///< may throw
+        /// Once.
         void fill(std::shared_ptr<vdBRAW_Request> request, const char* function) noexcept;
 
     private:
         vdBRAW_Manager& m_manager;
-        const char* m_function;
-        bool m_isFilled = false;
+        Queue m_room;
     };
 
     bool isOfThisCodec(const brBufferManager& buffers) const;
@@ -150,8 +150,7 @@ private:
 
     std::map<uint64_t, std::shared_ptr<vdBRAW_Clip>> m_clips; ///< its order is that of the IDs
     std::mutex m_clipsMutex;
-    std::vector<std::shared_ptr<vdBRAW_Request>> m_queue;
-    size_t m_reservedSlots = 0; ///< of requests on their way into m_queue, which guards this too
+    Queue m_queue;
     vdMutex m_queueMutex;
     Microsoft::WRL::ComPtr<IBlackmagicRaw> m_codec;
     Microsoft::WRL::ComPtr<IBlackmagicRawConfiguration> m_configuration;

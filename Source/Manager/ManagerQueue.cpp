@@ -1,6 +1,8 @@
 // The manager's queue: submission of requests, and their way out again.
 #include "Manager.h"
 
+#include <iterator>
+
 #include "Utils/vdLogging.h"
 #include "Utils/vdResult.h"
 
@@ -12,31 +14,16 @@ constexpr const char* sourceFile = "Manager.cpp";
 #define QUEUE_LOG(level, functionName, message)                                                              \
     VD_LOG_FROM(vdLogLevel::level, sourceFile, functionName, message)
 
-vdBRAW_Manager::QueueSlot::QueueSlot(vdBRAW_Manager& manager, const char* function)
-    : m_manager(manager), m_function(function) {
-    vdLock lock(m_manager.m_queueMutex, "QueueMutex", m_function, sourceFile);
-    m_manager.m_queue.reserve(m_manager.m_queue.size() + m_manager.m_reservedSlots + 1);
-    ++m_manager.m_reservedSlots;
-}
-
-vdBRAW_Manager::QueueSlot::~QueueSlot() {
-    if (m_isFilled)
-        return;
-    vdLock lock(m_manager.m_queueMutex, "QueueMutex", m_function, sourceFile);
-    --m_manager.m_reservedSlots;
-}
-
 void vdBRAW_Manager::QueueSlot::fill(std::shared_ptr<vdBRAW_Request> request, const char* function) noexcept {
+    m_room.front() = std::move(request);
     vdLock lock(m_manager.m_queueMutex, "QueueMutex", function, sourceFile);
-    --m_manager.m_reservedSlots;
-    m_manager.m_queue.push_back(std::move(request));
-    m_isFilled = true;
+    m_manager.m_queue.splice(m_manager.m_queue.end(), m_room);
 }
 
 int vdBRAW_Manager::AddProcessFrameAsync(std::shared_ptr<vdBRAW_Request> request) {
     if (!request)
         return 1;
-    QueueSlot slot(*this, __func__);
+    QueueSlot slot(*this);
     const bool read = request->m_isEnabled && request->m_errorCode == brErrorNone;
     request->m_isProcessing = read;
     request->m_isSubmitted = true;
@@ -157,15 +144,16 @@ int vdBRAW_Manager::FlushQueue() {
     if (!m_codec)
         return 1;
     m_codec->FlushJobs();
-    std::vector<std::shared_ptr<vdBRAW_Request>> ended; // their buffers go after the lock
+    Queue ended; // their buffers go after the lock
     vdLock lock(m_queueMutex, "QueueMutex", __func__, sourceFile);
     const size_t before = m_queue.size();
-    ended.reserve(before);
-    for (size_t index = before; index-- > 0;)
-        if (finishedOrCancelled(*m_queue[index], __func__)) {
-            ended.push_back(std::move(m_queue[index]));
-            m_queue.erase(m_queue.begin() + static_cast<std::ptrdiff_t>(index));
-        }
+    for (auto next = m_queue.end(); next != m_queue.begin();) {
+        const auto entry = std::prev(next);
+        if (finishedOrCancelled(**entry, __func__))
+            ended.splice(ended.end(), m_queue, entry);
+        else
+            next = entry;
+    }
     QUEUE_LOG(info, __func__, "Flushing Queue - size before/after :" << before << "/" << m_queue.size());
     lock.unlock();
     for (const std::shared_ptr<vdBRAW_Request>& request : ended)

@@ -48,10 +48,12 @@ public:
         return delivery.failed ? delivery : LaunchHeavyProcessing();
     }
     void onFinished() override { ++failed; }
+    int onFrameRead(IBlackmagicRawFrame*) override { return hook; }
 
     int delivered = 0;
     int failed = 0;
     int told = 0;
+    int hook = 0;                ///< what it answers to the frame that was read
     vdStatus delivery;           ///< a failure is what it delivers
     std::vector<uint8_t> pixels; ///< the final image, where the fixture made it
 };

@@ -83,8 +83,25 @@ TEST_F(LifetimeTest, CallbackCountsAsComDoes) {
         EXPECT_EQ(callback->references(), ++expected);
     }
     EXPECT_EQ(callback->AddRef(), 4u);
-    for (ULONG left = 4; left-- > 0;)
+    for (ULONG left = 4; left-- > 1;)
         EXPECT_EQ(callback->Release(), left);
+
+    // A trim job carries what it tells of its progress, and goes when it is complete.
+    const auto clip = start();
+    uint32_t bytes = 0;
+    clip->m_bmClipEx->GetBitStreamSizeBytes(0, &bytes);
+    std::vector<char> buffer(bytes);
+    IBlackmagicRawJob* job = nullptr;
+    ASSERT_EQ(clip->m_bmClipEx->CreateJobReadFrame(0, buffer.data(), bytes, &job), S_OK);
+    callback->TrimProgress(job, 0.25f); // carries nothing
+    float told = 0;
+    brTrimContext context{.progress = [&](float percent) { told = percent; }};
+    job->SetUserData(&context);
+    callback->TrimProgress(job, 0.25f);
+    EXPECT_EQ(told, 25);
+    callback->TrimComplete(job, E_ABORT);
+    EXPECT_EQ(context.result, E_ABORT);
+    EXPECT_EQ(callback->Release(), 0u);
 }
 
 TEST_F(LifetimeTest, RequestOutlivesItsCompletionWhoeverDropsIt) {
@@ -147,6 +164,15 @@ TEST_F(LifetimeTest, CancelledBeforeEachCompletion) {
         EXPECT_TRUE(isFree(m_clipPath)) << "nor it the clip";
         addClip(m_clipPath);
     }
+}
+
+TEST_F(LifetimeTest, HookEndsARequestWithItsFrame) {
+    m_request = makeRequest(*start());
+    m_request->hook = 1;
+    EXPECT_EQ(m_manager->ProcessFrameSync(m_request), 0);
+    EXPECT_TRUE(m_request->m_isFinished && m_request->told == 1);
+    EXPECT_FALSE(m_request->m_errorCode || m_request->delivered || m_request->failed);
+    EXPECT_EQ(m_decoder.account().jobsSubmitted, 1);
 }
 
 TEST_F(LifetimeTest, FailedDeliveryIsToldOnceWithoutTheLock) {

@@ -75,14 +75,18 @@ TEST_F(LoaderTest, RefusedInitLeavesItToWhoUsesIt) {
     EXPECT_EQ(manager.AddClip(m_folder.text("missing.braw"), id), 1);
 }
 
-TEST_F(LoaderTest, StaysAsLongAsAHostHasBuffers) {
-    std::unique_ptr<brBufferManager> buffers;
+TEST_F(LoaderTest, StaysAsLongAsAHostHasARequest) {
+    writeTestClip(m_folder.path() / "clip.braw", {});
+    TestRequest request;
     {
         vdBRAW_Manager manager;
         auto instance = std::make_unique<Instance>();
+        uint64_t id = 0;
         ASSERT_TRUE(tryToInit(*instance));
         ASSERT_EQ(manager.init(std::move(instance)), 0);
-        buffers = manager.createBufferManager();
+        ASSERT_EQ(manager.AddClip(m_folder.text("clip.braw"), id), 0);
+        request.m_clipInUse = manager.GetClip(id)->m_bmClipEx;
+        request.m_bufferManager = manager.createBufferManager();
     }
     EXPECT_TRUE(isLoaded());
 }

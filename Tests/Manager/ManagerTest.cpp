@@ -121,8 +121,10 @@ TEST_F(ManagerTest, ClipsAreFoundByTheirExactPath) {
     EXPECT_TRUE(clip->m_isOpened) << "a closed clip must be opened again when it is asked for by path";
     EXPECT_FALSE(clip->doesNeedToBeReloaded());
     EXPECT_EQ(m_decoder.occurrencesOf("IBlackmagicRaw::OpenClipWithGeometry"), 4u) << "with its geometry";
+    const LogSession log(vdLogLevel::warn);
     arm("ClipEx::GetBitStreamSizeBytes", 0);
     EXPECT_TRUE(clip->doesNeedToBeReloaded()) << "a stale clip must be noticed";
+    EXPECT_EQ(log.lines().size(), 1u) << "and is worth a line";
 
     arm("Factory::CreateClipGeometry", 1, Kind::fail, strangeFailure);
     EXPECT_EQ(m_manager->AddClip(m_clipPath, id), strangeFailure);
@@ -141,6 +143,7 @@ TEST_F(ManagerTest, ClipOpeningNamesWhatFailed) {
         {"Clip::GetFrameRate", 1, "Failed to get FrameRate from BM - " + denied},
         {"Clip::GetFrameRate", 1, "FrameRate has a weird value : 0.000000", Kind::zero},
         {"Clip::GetFrameRate", 1, "FrameRate has a weird value : -1.000000", Kind::value, -1},
+        {"Clip::GetFrameRate", 1, "FrameRate has a weird value : nan", Kind::allOnes},
         {"Clip::GetFrameCount", 1, "Failed to get FrameCount from BM - " + denied},
         {"Clip::QueryInterface", 1, "Impossible to query Resolutions ! " + denied},
         {"ClipResolutions::GetResolutionCount", 1, "Impossible to get ResolutionCount ! " + denied},
@@ -240,6 +243,7 @@ TEST_F(ManagerTest, QueueKeepsWhatRunsAndGivesBackWhatHasEnded) {
         EXPECT_FALSE(found || isRunning) << "an equal request is not the same one, and none is in no queue";
     }
     for (const auto& request : {stray, failed, disabled}) {
+        EXPECT_TRUE(request->m_isSubmitted);
         m_manager->FindInQueue(request, found, isRunning);
         EXPECT_EQ(found, request);
         EXPECT_FALSE(isRunning);

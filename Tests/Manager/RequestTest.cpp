@@ -99,6 +99,10 @@ TEST_F(RequestTest, DecoderWritesIntoTheFinalBufferOnlyWhereTheLayoutIsItsOwn) {
     request->m_renderRect.left = 0;
     request->m_isOver = true;
     EXPECT_TRUE(goesThroughOurs(96 * 4)) << "more than the clip has";
+    request->m_isOver = false;
+    request->m_width = request->m_height = 1 << 15;
+    request->m_renderRect = {0, 0, 1 << 15, 1 << 15};
+    EXPECT_TRUE(goesThroughOurs(1 << 17)) << "of a size beyond 32 bits";
 }
 
 // Each field counts from one of three levels on: without settings of its own, with them, and with all of
@@ -187,6 +191,14 @@ TEST_F(RequestTest, GpuThatCannotBeBoundIsTolerated) {
     arm("Configuration::SetFromDevice");
     ASSERT_EQ(init(true), 0);
     EXPECT_FALSE(m_manager->createBufferManager()->m_isGPU) << "no decoder would stand behind the buffers";
+
+    // Without a new device the old one is bound once more, to the codec that goes and to that which comes.
+    arm("Factory::CreatePipelineIterator");
+    EXPECT_EQ(m_manager->initFromFramework(blackmagicRawPipelineCUDA, true), 0);
+    EXPECT_EQ(m_decoder.occurrencesOf("IBlackmagicRawConfiguration::SetFromDevice"), 2u);
+    EXPECT_TRUE(m_manager->createBufferManager()->m_isGPU);
+    EXPECT_EQ(m_manager->initFromFramework(blackmagicRawPipelineCUDA, true), 0);
+    EXPECT_EQ(m_decoder.occurrencesOf("IBlackmagicRawConfiguration::SetFromDevice"), 3u);
 }
 
 // The corners' channels in each format, as the decoder and the conversion make them, on the CPU and on a GPU
@@ -216,6 +228,7 @@ TEST_F(RequestTest, EveryFormatHasItsChannelsAndItsDirection) {
                 request->cloneProcessingAttributes(*clip);
                 ASSERT_EQ(m_manager->ProcessFrameSync(request), 0);
                 ASSERT_EQ(request->m_errorMessage, "");
+                EXPECT_EQ(request->m_processedImage, nullptr) << "it has ended with its callback";
                 ASSERT_EQ(request->m_bufferManager->m_isGPU, isGpu);
                 EXPECT_EQ(request->m_bufferManager->m_workingBuffer.resource != nullptr, isGpu && !padding);
                 for (const auto& [x, y] : {std::pair(0u, 0u), {95u, 0u}, {0u, 63u}, {95u, 63u}}) {

@@ -228,7 +228,16 @@ TEST_F(StagesTest, DeviceBuffersAreReplacedOnlyWhenTooSmall) {
     };
     expectBuffers(true, faults);
 
+    // Of buffers that hold more than the frame, the frame is copied alone, and not waited for.
     auto request = run(*m_manager->GetClip(0));
+    ++request->m_bufferManager->m_decodedBufferCPU.capacity;
+    ++request->m_bufferManager->m_decodedBufferGPU.capacity;
+    request->m_isFinished = false;
+    m_decoder.reset();
+    m_manager->ProcessFrameSync(request);
+    EXPECT_EQ(request->m_errorMessage, "");
+    EXPECT_EQ(m_decoder.account().copiesAsync, 1);
+
     const LogSession log(vdLogLevel::error);
     arm(resources + "ReleaseResource", 0);
     request.reset();

@@ -5,7 +5,9 @@
 namespace {
 class ComObjects : public HandlerTest {
 protected:
-    void expectInUse(bool inUse) { EXPECT_RESULT(inUse ? S_FALSE : S_OK, m_handler->canUnloadNow()); }
+    void expectInUse(bool inUse) {
+        EXPECT_RESULT(inUse ? S_FALSE : S_OK, m_handler->call("DllCanUnloadNow"));
+    }
 };
 
 TEST_F(ComObjects, WhatIsAliveKeepsTheModule) {
@@ -88,7 +90,7 @@ TEST_F(ComObjects, AQuestionWithinAQuestionIsRefusedAndNobodyIsAsked) {
         provider->Initialize(clip.c_str(), 0);
         other->Initialize(clip.c_str(), 0);
         (ofTheSame ? provider : other).As(&g_again);
-        const ReplacedImport bitmaps("CreateDIBSection", &askAgain, m_handler->get());
+        const ReplacedImport bitmaps("CreateDIBSection", &askAgain, m_handler->module());
         g_makeBitmap = bitmaps.former();
         SetThreadErrorMode(SEM_NOGPFAULTERRORBOX, nullptr); // the host's own choice, which stays
         EXPECT_RESULT(S_OK, ask(provider.Get()).result);

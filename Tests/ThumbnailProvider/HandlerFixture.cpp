@@ -10,20 +10,15 @@ std::filesystem::path testedLibrary() {
     return length != 0 ? name : L"Clipforge_Thumbnails.dll";
 }
 
-HandlerModule::HandlerModule(const std::filesystem::path& file)
-    : m_module(LoadLibraryExW(file.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH)) {
-    if (m_module == nullptr)
+HandlerModule::HandlerModule(const std::filesystem::path& file) {
+    if (load(file.wstring()) != S_OK)
         throw std::runtime_error("the handler cannot be loaded");
-    guardBitmapsOf(m_module);
+    guardBitmapsOf(module());
 }
 
 HRESULT HandlerModule::getClassObject(REFCLSID classId, REFIID interfaceId, void** object) const {
-    return exportOf<decltype(&DllGetClassObject)>(m_module, "DllGetClassObject")(classId, interfaceId,
+    return exportOf<decltype(&DllGetClassObject)>(module(), "DllGetClassObject")(classId, interfaceId,
                                                                                  object);
-}
-
-HRESULT HandlerModule::call(const char* name) const {
-    return exportOf<HRESULT(WINAPI*)()>(m_module, name)();
 }
 
 ComPtr<IClassFactory> HandlerModule::factory() const {
@@ -62,7 +57,7 @@ void HandlerTest::SetUp() {
 }
 
 void HandlerTest::TearDown() {
-    EXPECT_RESULT(S_OK, m_handler->canUnloadNow());
+    EXPECT_RESULT(S_OK, m_handler->call("DllCanUnloadNow"));
     m_handler.reset();
     EXPECT_EQ(nullptr, GetModuleHandleW(testedLibrary().c_str()));
     expectNothingLeft(0);

@@ -37,25 +37,14 @@ struct Result {
 };
 #define EXPECT_RESULT(expected, actual) EXPECT_EQ(Result{expected}, Result{actual})
 
-/// The loaded library with its exports. Unloaded at the end whatever it says.
-class HandlerModule {
+/// The loaded library, whose bitmaps are guarded.
+class HandlerModule : public HandlerLibrary {
 public:
     explicit HandlerModule(const std::filesystem::path& file);
-    ~HandlerModule() { FreeLibrary(m_module); }
-    HandlerModule(const HandlerModule&) = delete;
-    HandlerModule& operator=(const HandlerModule&) = delete;
 
     HRESULT getClassObject(REFCLSID classId, REFIID interfaceId, void** object) const;
-    HRESULT canUnloadNow() const { return call("DllCanUnloadNow"); }
-    HRESULT registerServer() const { return call("DllRegisterServer"); }
-    HRESULT unregisterServer() const { return call("DllUnregisterServer"); }
     ComPtr<IClassFactory> factory() const;
     ComPtr<IInitializeWithFile> provider() const;
-    HMODULE get() const { return m_module; }
-
-private:
-    HRESULT call(const char* name) const;
-    HMODULE m_module;
 };
 
 /// What GetThumbnail gave. The places it writes to held something recognisable before.

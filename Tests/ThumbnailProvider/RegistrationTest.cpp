@@ -1,6 +1,5 @@
 // What the shell finds in the registry, and what it finds no more.
 #include <cwchar>
-#include <tuple>
 
 #include "HandlerFixture.h"
 
@@ -15,76 +14,13 @@ namespace {
 #define CLASS_KEY L"CLSID\\" CLASS_TEXT
 #define SERVER_KEY CLASS_KEY L"\\InProcServer32"
 
-struct Root {
-    HKEY key;
-    std::wstring prefix;
-};
-const Root roots[] = {{HKEY_LOCAL_MACHINE, L"SOFTWARE\\Classes\\"}, {HKEY_CLASSES_ROOT, L""}};
-
-std::optional<std::wstring> readText(const Root& root, const wchar_t* key, const wchar_t* value) {
-    wchar_t text[512];
-    DWORD size = sizeof text;
-    if (RegGetValueW(root.key, (root.prefix + key).c_str(), value, RRF_RT_REG_SZ, nullptr, text, &size) !=
-        ERROR_SUCCESS)
-        return std::nullopt;
-    EXPECT_EQ((wcslen(text) + 1) * sizeof(wchar_t), size) << "a text is stored with its terminator";
-    return text;
-}
-
-/// The prefix is left as it was found: registered, if it was, with the same library.
-class Registration : public HandlerTest {
-protected:
-    void SetUp() override {
-        CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED); // has GDI objects of its own
-        HandlerTest::SetUp();
-        m_registeredBefore = readText(roots[0], SERVER_KEY, nullptr);
-    }
-    void TearDown() override {
-        m_handler->unregisterServer();
-        if (m_registeredBefore && std::filesystem::exists(*m_registeredBefore)) {
-            EXPECT_RESULT(S_OK, HandlerModule(*m_registeredBefore).registerServer());
-        }
-        HandlerTest::TearDown();
-        CoUninitialize();
-    }
-    static bool isRegistered() {
-        for (const Root& root : roots)
-            for (const wchar_t* key : {CLASS_KEY, L"Clipforge.Clip", L".braw", L".sidecar", L".braw2"}) {
-                HKEY opened = nullptr;
-                RegOpenKeyExW(root.key, (root.prefix + key).c_str(), 0, KEY_READ, &opened);
-                if (opened != nullptr)
-                    return RegCloseKey(opened) == ERROR_SUCCESS;
-            }
-        return false;
-    }
-    std::optional<std::wstring> m_registeredBefore;
-};
-
-TEST_F(Registration, ComesAndGoes) {
-    for (int round = 0; round < 2; ++round) {
-        EXPECT_RESULT(S_OK, m_handler->registerServer());
-        EXPECT_RESULT(S_OK, m_handler->registerServer());
-        EXPECT_TRUE(isRegistered());
-        EXPECT_TRUE(
-            std::filesystem::exists(readText(roots[0], L".braw\\DefaultIcon", nullptr).value_or(L"")));
-        EXPECT_RESULT(S_OK, m_handler->unregisterServer());
-        EXPECT_FALSE(isRegistered());
-        EXPECT_RESULT(S_OK, m_handler->unregisterServer());
-    }
-}
-
-TEST_F(Registration, ComFindsTheRegisteredHandler) {
-    EXPECT_RESULT(S_OK, m_handler->registerServer());
-    EXPECT_RESULT(S_OK, askForThumbnail(writeClip(), 16).result);
-    EXPECT_RESULT(S_OK, m_handler->unregisterServer());
-    CoFreeUnusedLibrariesEx(0, 0); // COM's own hold on the library
-}
-
 // What the library asks of Windows, in order. Nothing of it is done: under Wine one root shows the other's
 // keys.
 std::vector<std::wstring> g_asked;
-std::wstring g_key, g_unwritableRoot;
+std::wstring g_key;
 int g_openKeys;
+size_t g_failingRow; ///< counted from 1; 0: none
+bool g_isCreationFailing;
 
 std::wstring rootName(HKEY root) {
     return root == HKEY_LOCAL_MACHINE ? L"HKLM\\" : root == HKEY_CLASSES_ROOT ? L"HKCR\\" : L"?\\";
@@ -94,7 +30,7 @@ LSTATUS WINAPI recordCreate(HKEY root, LPCWSTR path, DWORD, LPWSTR, DWORD option
     EXPECT_EQ(DWORD{REG_OPTION_NON_VOLATILE}, options) << "it would be gone with the next start of Windows";
     EXPECT_EQ(REGSAM{KEY_SET_VALUE}, access);
     g_key = rootName(root) + path;
-    if (rootName(root) == g_unwritableRoot)
+    if (g_isCreationFailing && g_asked.size() + 1 == g_failingRow)
         return ERROR_ACCESS_DENIED;
     ++g_openKeys;
     *key = HKEY_CURRENT_USER;
@@ -109,7 +45,7 @@ LSTATUS WINAPI recordSet(HKEY, LPCWSTR name, DWORD, DWORD type, const BYTE* data
     } else if (type == REG_DWORD && size == sizeof(DWORD))
         value = L"#" + std::to_wstring(*reinterpret_cast<const DWORD*>(data));
     g_asked.push_back(g_key + L" " + (name ? name : L"(default)") + L" = " + value);
-    return ERROR_SUCCESS;
+    return !g_isCreationFailing && g_asked.size() == g_failingRow ? ERROR_ACCESS_DENIED : ERROR_SUCCESS;
 }
 LSTATUS WINAPI recordClose(HKEY) {
     --g_openKeys;
@@ -117,7 +53,7 @@ LSTATUS WINAPI recordClose(HKEY) {
 }
 LSTATUS WINAPI recordDelete(HKEY root, LPCWSTR path) {
     g_asked.push_back(L"delete " + rootName(root) + path);
-    return ERROR_FILE_NOT_FOUND;
+    return g_asked.size() == g_failingRow ? ERROR_ACCESS_DENIED : ERROR_FILE_NOT_FOUND;
 }
 void WINAPI recordNotification(LONG event, UINT flags, LPCVOID first, LPCVOID second) {
     EXPECT_TRUE(event == SHCNE_ASSOCCHANGED && flags == SHCNF_IDLIST && !first && !second);
@@ -127,6 +63,10 @@ std::wstring g_modulePath;
 DWORD WINAPI tellPath(HMODULE, LPWSTR buffer, DWORD size) {
     const size_t length = std::min<size_t>(g_modulePath.size(), size - 1);
     wmemcpy(buffer, g_modulePath.c_str(), length + 1)[length] = L'\0';
+    if (g_modulePath.empty()) {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return 0;
+    }
     const bool isCut = length < g_modulePath.size();
     SetLastError(isCut ? ERROR_INSUFFICIENT_BUFFER : ERROR_SUCCESS);
     return isCut ? size : static_cast<DWORD>(length);
@@ -135,9 +75,9 @@ DWORD WINAPI tellPath(HMODULE, LPWSTR buffer, DWORD size) {
 class RegistrationCalls : public HandlerTest {
 protected:
     /// Of a library that lies there.
-    HRESULT registerAt(const std::wstring& path) { return recorded(path, &HandlerModule::registerServer); }
-    HRESULT recorded(const std::wstring& path, HRESULT (HandlerModule::*work)() const) {
-        const HMODULE module = m_handler->get();
+    HRESULT registerAt(const std::wstring& path) { return recorded(path, "DllRegisterServer"); }
+    HRESULT recorded(const std::wstring& path, const char* work) {
+        const HMODULE module = m_handler->module();
         const ReplacedImport name("GetModuleFileNameW", &tellPath, module);
         const ReplacedImport create("RegCreateKeyExW", &recordCreate, module);
         const ReplacedImport set("RegSetValueExW", &recordSet, module);
@@ -148,7 +88,7 @@ protected:
         g_asked.clear();
         g_openKeys = 0;
         g_modulePath = path;
-        const HRESULT result = (m_handler.get()->*work)();
+        const HRESULT result = m_handler->call(work);
         EXPECT_EQ(0, g_openKeys);
         return result;
     }
@@ -172,16 +112,21 @@ protected:
     }
 };
 
+constexpr auto denied = HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
+
 TEST_F(RegistrationCalls, WritesItsRowsUnderBothRootsAndTellsTheShell) {
     auto expected = rows(L"D:\\Tools\\x.dll", L"D:\\Tools\\Clipforge_Icon.ico");
     expected.emplace_back(L"notify");
     EXPECT_RESULT(S_OK, registerAt(L"D:\\Tools\\x.dll"));
     EXPECT_EQ(expected, g_asked);
-
-    expected.resize(13); // and nobody is told of half a registration
-    g_unwritableRoot = L"HKCR\\";
-    EXPECT_RESULT(HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED), registerAt(L"D:\\Tools\\x.dll"));
-    g_unwritableRoot.clear();
+    for (g_failingRow = expected.size() - 1; g_failingRow > 0; --g_failingRow)
+        for (const bool isCreation : {false, true}) { // and nobody is told of half a registration
+            g_isCreationFailing = isCreation;
+            expected.resize(g_failingRow - isCreation);
+            EXPECT_RESULT(denied, registerAt(L"D:\\Tools\\x.dll"));
+            EXPECT_EQ(expected, g_asked);
+        }
+    EXPECT_RESULT(denied, registerAt(L"")) << "the module's path cannot be had";
     EXPECT_EQ(expected, g_asked);
 }
 
@@ -190,8 +135,13 @@ TEST_F(RegistrationCalls, DeletesItsKeysUnderBothRootsWhateverIsMissing) {
     for (const std::wstring root : {L"HKLM\\SOFTWARE\\Classes\\", L"HKCR\\"})
         for (const wchar_t* key : {CLASS_KEY, L"Clipforge.Clip", L".braw", L".sidecar", L".braw2"})
             expected.push_back(L"delete " + root + key);
-    EXPECT_RESULT(S_OK, recorded(L"D:\\x.dll", &HandlerModule::unregisterServer));
+    EXPECT_RESULT(S_OK, recorded(L"D:\\x.dll", "DllUnregisterServer"));
     EXPECT_EQ(expected, g_asked);
+    for (g_failingRow = expected.size(); g_failingRow > 0; --g_failingRow) {
+        expected.resize(g_failingRow);
+        EXPECT_RESULT(denied, recorded(L"D:\\x.dll", "DllUnregisterServer"));
+        EXPECT_EQ(expected, g_asked);
+    }
 }
 
 // The icon's path ends at 259 characters and the command line at 267; so does what the shell reads of a path.

@@ -54,12 +54,6 @@ void makeKey(HKEY root, const wchar_t* path) {
     RegCloseKey(key);
 }
 
-void setText(HKEY root, const wchar_t* path, const wchar_t* name, const std::wstring& text,
-             DWORD type = REG_SZ) {
-    RegSetKeyValueW(root, path, name, type, text.c_str(),
-                    static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
-}
-
 std::wstring textOf(HKEY root, const wchar_t* path, const wchar_t* name = nullptr) {
     wchar_t text[512];
     DWORD size = sizeof text;
@@ -75,18 +69,24 @@ const struct {
     {"an empty extension", [](HKEY root) { makeKey(root, L"Software\\Classes\\.braw"); }},
     {"an empty binding", [](HKEY root) { makeKey(root, binding); }},
     {"another's binding",
-     [](HKEY root) { setText(root, binding, nullptr, L"{11111111-1111-1111-1111-111111111111}"); }},
+     [](HKEY root) {
+         StandInRegistry::setText(root, binding, nullptr, L"{11111111-1111-1111-1111-111111111111}");
+     }},
     {"another's binding, type and icon",
      [](HKEY root) {
-         setText(root, binding, nullptr, L"%other%", REG_EXPAND_SZ);
-         setText(root, L"Software\\Classes\\.braw", nullptr, L"Other.Type");
-         setText(root, L"Software\\Classes\\.braw", L"Content Type", L"video/x-other");
-         setText(root, L"Software\\Classes\\.braw2\\DefaultIcon", nullptr, L"other.ico");
-         setText(root, L"Software\\Classes\\.sidecar\\shell\\open\\command", nullptr, L"other.exe");
+         StandInRegistry::setText(root, binding, nullptr, L"%other%", REG_EXPAND_SZ);
+         StandInRegistry::setText(root, L"Software\\Classes\\.braw", nullptr, L"Other.Type");
+         StandInRegistry::setText(root, L"Software\\Classes\\.braw", L"Content Type", L"video/x-other");
+         StandInRegistry::setText(root, L"Software\\Classes\\.braw2\\DefaultIcon", nullptr, L"other.ico");
+         StandInRegistry::setText(root, L"Software\\Classes\\.sidecar\\shell\\open\\command", nullptr,
+                                  L"other.exe");
      }},
     {"a class of our name",
-     [](HKEY root) { setText(root, ourServer, nullptr, L"D:\\old\\Clipforge_Thumbnails.dll"); }},
-    {"settings of ours", [](HKEY root) { setText(root, L"Software\\Verdane\\Clipforge", L"x", L"y"); }},
+     [](HKEY root) {
+         StandInRegistry::setText(root, ourServer, nullptr, L"D:\\old\\Clipforge_Thumbnails.dll");
+     }},
+    {"settings of ours",
+     [](HKEY root) { StandInRegistry::setText(root, L"Software\\Verdane\\Clipforge", L"x", L"y"); }},
 };
 
 class HandlerRegistration : public testing::TestWithParam<Scope> {
@@ -117,12 +117,12 @@ TEST_P(HandlerRegistration, LeavesEverythingAsItWas) {
 }
 
 TEST_P(HandlerRegistration, WhatSomebodyElseWroteMeanwhileStays) {
-    setText(m_root, L"Software\\Classes\\.braw2\\DefaultIcon", nullptr, L"other.ico");
+    StandInRegistry::setText(m_root, L"Software\\Classes\\.braw2\\DefaultIcon", nullptr, L"other.ico");
     registerHandler(L"C:\\one\\", GetParam());
     EXPECT_EQ(L"other.ico", textOf(m_root, L"Software\\Classes\\.braw2\\DefaultIcon"));
     EXPECT_EQ(L"C:\\one\\Clipforge_Icon.ico", textOf(m_root, L"Software\\Classes\\.sidecar\\DefaultIcon"));
-    setText(m_root, binding, nullptr, L"{22222222-2222-2222-2222-222222222222}");
-    setText(m_root, L"Software\\Classes\\.braw", L"PerceivedType", L"video");
+    StandInRegistry::setText(m_root, binding, nullptr, L"{22222222-2222-2222-2222-222222222222}");
+    StandInRegistry::setText(m_root, L"Software\\Classes\\.braw", L"PerceivedType", L"video");
     unregisterHandler(GetParam());
     EXPECT_EQ(L"{22222222-2222-2222-2222-222222222222}", textOf(m_root, binding));
     EXPECT_EQ(L"video", textOf(m_root, L"Software\\Classes\\.braw", L"PerceivedType"));

@@ -4,11 +4,12 @@
 #include <algorithm>
 #include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <windows.h>
+
+#include "TemporaryFolder.h"
 
 struct ProgramRun {
     DWORD exitCode = ~0u;
@@ -18,36 +19,14 @@ struct ProgramRun {
     size_t errorLines() const { return static_cast<size_t>(std::ranges::count(errors, '\n')); }
 };
 
-/// One end of a pipe that a child writes to, read to its end on a thread.
-class CapturedStream {
-public:
-    explicit CapturedStream(std::string& text) : m_text(text) {
-        SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
-        EXPECT_TRUE(CreatePipe(&m_ours, &m_childs, &inheritable, 0));
-        SetHandleInformation(m_ours, HANDLE_FLAG_INHERIT, 0);
-    }
-    ~CapturedStream() { CloseHandle(m_ours); }
-    CapturedStream(const CapturedStream&) = delete;
-    CapturedStream& operator=(const CapturedStream&) = delete;
-
-    HANDLE forChild() const { return m_childs; }
-    /// The child runs: our copy of its end goes, so that the stream ends with it.
-    void start() {
-        CloseHandle(m_childs);
-        m_reader = std::jthread([this] {
-            char bytes[4096];
-            for (DWORD count = 0; ReadFile(m_ours, bytes, sizeof bytes, &count, nullptr) && count > 0;)
-                m_text.append(bytes, count);
-            std::erase(m_text, '\r');
-        });
-    }
-    void finish() { m_reader.join(); }
-
-private:
-    std::string& m_text;
-    HANDLE m_ours = nullptr, m_childs = nullptr;
-    std::jthread m_reader;
-};
+/// A new file that a child can be given to write to.
+inline HANDLE createForChild(const std::filesystem::path& path) {
+    SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
+    const HANDLE file =
+        CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inheritable, CREATE_NEW, 0, nullptr);
+    EXPECT_NE(INVALID_HANDLE_VALUE, file);
+    return file;
+}
 
 inline std::wstring quoted(const std::wstring& argument) {
     // A backslash before the closing quote would escape it.
@@ -61,30 +40,28 @@ inline ProgramRun runProgram(const std::filesystem::path& program, const std::ve
     std::wstring line = quoted(program.wstring());
     for (const std::wstring& argument : arguments)
         line += L" " + quoted(argument);
-    ProgramRun run;
-    CapturedStream output(run.output), errors(run.errors);
+    const TemporaryFolder folder;
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = output.forChild();
-    startup.hStdError = errors.forChild();
+    startup.hStdOutput = createForChild(folder.path() / "output");
+    startup.hStdError = createForChild(folder.path() / "errors");
     PROCESS_INFORMATION process{};
-    const bool started = CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                                        nullptr, &startup, &process);
-    EXPECT_TRUE(started) << GetLastError();
-    output.start();
-    errors.start();
-    if (started) {
-        if (WaitForSingleObject(process.hProcess, limit) != WAIT_OBJECT_0) {
-            ADD_FAILURE() << "still running after " << limit << " ms";
-            TerminateProcess(process.hProcess, ~0u);
-        }
+    ProgramRun run;
+    if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+                        &process))
+        ADD_FAILURE() << "not started: " << GetLastError();
+    else if (WaitForSingleObject(process.hProcess, limit) != WAIT_OBJECT_0) {
+        ADD_FAILURE() << "still running after " << limit << " ms";
+        TerminateProcess(process.hProcess, ~0u);
         WaitForSingleObject(process.hProcess, INFINITE);
-        GetExitCodeProcess(process.hProcess, &run.exitCode);
-        CloseHandle(process.hThread);
-        CloseHandle(process.hProcess);
     }
-    output.finish();
-    errors.finish();
+    GetExitCodeProcess(process.hProcess, &run.exitCode);
+    for (const HANDLE handle : {process.hThread, process.hProcess, startup.hStdOutput, startup.hStdError})
+        CloseHandle(handle);
+    run.output = readFileBytes(folder.path() / "output");
+    run.errors = readFileBytes(folder.path() / "errors");
+    std::erase(run.output, '\r');
+    std::erase(run.errors, '\r');
     return run;
 }

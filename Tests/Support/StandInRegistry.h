@@ -26,9 +26,15 @@ public:
     StandInRegistry(const StandInRegistry&) = delete;
     StandInRegistry& operator=(const StandInRegistry&) = delete;
 
-    static void setNumber(HKEY root, const wchar_t* key, const wchar_t* value, DWORD number,
+    /// Values as they can be in any registry; a null `value` is the key's default value.
+    static void setNumber(HKEY root, const std::wstring& key, const wchar_t* value, DWORD number,
                           DWORD type = REG_DWORD) {
-        RegSetKeyValueW(root, key, value, type, &number, sizeof number);
+        RegSetKeyValueW(root, key.c_str(), value, type, &number, sizeof number);
+    }
+    static void setText(HKEY root, const std::wstring& key, const wchar_t* value, const std::wstring& text,
+                        DWORD type = REG_SZ) {
+        RegSetKeyValueW(root, key.c_str(), value, type, text.c_str(),
+                        static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
     }
 
 private:

@@ -29,17 +29,6 @@ constexpr wchar_t kPolicies[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\
 constexpr wchar_t kExtensions[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Shell Extensions\\";
 constexpr wchar_t kOther[] = L"{11111111-2222-3333-4444-555555555555}";
 
-void setText(HKEY root, const std::wstring& key, const wchar_t* value, const std::wstring& text) {
-    EXPECT_EQ(ERROR_SUCCESS, RegSetKeyValueW(root, key.c_str(), value, REG_SZ, text.c_str(),
-                                             static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))));
-}
-void setNumber(HKEY root, const std::wstring& key, const wchar_t* value, DWORD number) {
-    EXPECT_EQ(ERROR_SUCCESS, RegSetKeyValueW(root, key.c_str(), value, REG_DWORD, &number, sizeof number));
-}
-std::string narrow(const std::wstring& text) {
-    return {text.begin(), text.end()};
-}
-
 /// A sound installation in a folder of its own, in a registry of its own.
 class Doctor : public testing::Test {
 protected:
@@ -69,8 +58,8 @@ protected:
     void expectFault(const std::wstring& id) {
         const Diagnosis diagnosis = look();
         const auto fault = std::ranges::find(diagnosis.findings, Finding::Grade::fault, &Finding::grade);
-        ASSERT_NE(diagnosis.findings.end(), fault) << narrow(id);
-        EXPECT_EQ(narrow(id), narrow(fault->id)) << narrow(fault->text);
+        ASSERT_NE(diagnosis.findings.end(), fault) << id;
+        EXPECT_EQ(id, fault->id) << fault->text;
         EXPECT_FALSE(fault->remedy.empty());
     }
 
@@ -81,7 +70,7 @@ protected:
 
 TEST_F(Doctor, ASoundInstallationIsWell) {
     const Diagnosis diagnosis = look();
-    EXPECT_TRUE(diagnosis.isHealthy()) << narrow(diagnosis.findings[0].text);
+    EXPECT_TRUE(diagnosis.isHealthy()) << diagnosis.findings[0].text;
 }
 
 /// What a way of breaking a set-up has at hand.
@@ -91,9 +80,11 @@ struct Parts {
     std::wstring decoder() const { return folder + BlackmagicRawAPIFileName; }
     std::wstring handler() const { return folder + L"Clipforge_Guard.dll"; }
     static void cut(const std::wstring& path, uintmax_t size) { std::filesystem::resize_file(path, size); }
-    static void policy(HKEY root, const wchar_t* name) { setNumber(root, kPolicies, name, 1); }
+    static void policy(HKEY root, const wchar_t* name) {
+        StandInRegistry::setNumber(root, kPolicies, name, 1);
+    }
     static void bindOther(HKEY root, const std::wstring& key = L".braw") {
-        setText(root, L"Software\\Classes\\" + key + THUMBNAIL_BINDING_KEY, nullptr, kOther);
+        StandInRegistry::setText(root, L"Software\\Classes\\" + key + THUMBNAIL_BINDING_KEY, nullptr, kOther);
     }
     static void forgetClass() { RegDeleteTreeW(HKEY_LOCAL_MACHINE, kClass); }
 };
@@ -123,22 +114,25 @@ const Ailment kAilments[] = {
     {L"bound-to-other", true, [](const Parts& p) { p.bindOther(HKEY_CURRENT_USER); }},
     {L"bound-by-type", false,
      [](const Parts& p) {
-         setText(HKEY_CURRENT_USER,
-                 L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\FileExts\\.braw\\UserChoice",
-                 L"ProgId", L"Other.Clip");
+         StandInRegistry::setText(
+             HKEY_CURRENT_USER,
+             L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\FileExts\\.braw\\UserChoice",
+             L"ProgId", L"Other.Clip");
          p.bindOther(HKEY_LOCAL_MACHINE, L"Other.Clip");
      }},
     {L"class-missing", true, [](const Parts& p) { p.forgetClass(); }},
     {L"class-32-bit", true,
      [](const Parts& p) {
          p.forgetClass();
-         setText(HKEY_LOCAL_MACHINE,
-                 std::wstring(L"Software\\Classes\\Wow6432Node\\CLSID\\") + kClassId + L"\\InProcServer32",
-                 nullptr, L"x.dll");
+         StandInRegistry::setText(HKEY_LOCAL_MACHINE,
+                                  std::wstring(L"Software\\Classes\\Wow6432Node\\CLSID\\") + kClassId +
+                                      L"\\InProcServer32",
+                                  nullptr, L"x.dll");
      }},
     {L"class-incomplete", true,
      [](const Parts&) {
-         setText(HKEY_LOCAL_MACHINE, std::wstring(kClass) + L"\\InProcServer32", L"ThreadingModel", L"Both");
+         StandInRegistry::setText(HKEY_LOCAL_MACHINE, std::wstring(kClass) + L"\\InProcServer32",
+                                  L"ThreadingModel", L"Both");
      }},
     {L"class-incomplete", true,
      [](const Parts&) { RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kClass, L"DisableProcessIsolation"); }},
@@ -156,8 +150,9 @@ const Ailment kAilments[] = {
     {L"handler-unloadable", false, [](const Parts& p) { p.cut(p.handler(), 8192); }},
     {L"icons-only", true,
      [](const Parts&) {
-         setNumber(HKEY_CURRENT_USER, L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\Advanced",
-                   L"IconsOnly", 1);
+         StandInRegistry::setNumber(HKEY_CURRENT_USER,
+                                    L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\Advanced",
+                                    L"IconsOnly", 1);
      }},
     {L"policy-thumbnails", false, [](const Parts& p) { p.policy(HKEY_CURRENT_USER, L"DisableThumbnails"); }},
     {L"policy-thumbnails", false, [](const Parts& p) { p.policy(HKEY_LOCAL_MACHINE, L"DisableThumbnails"); }},
@@ -168,7 +163,7 @@ const Ailment kAilments[] = {
      }},
     {L"class-blocked", false,
      [](const Parts&) {
-         setText(HKEY_LOCAL_MACHINE, std::wstring(kExtensions) + L"Blocked", kClassId, L"");
+         StandInRegistry::setText(HKEY_LOCAL_MACHINE, std::wstring(kExtensions) + L"Blocked", kClassId, L"");
      }},
     {L"not-approved", true,
      [](const Parts& p) {
@@ -224,23 +219,9 @@ HANDLE WINAPI findInCloud(const wchar_t*, FINDEX_INFO_LEVELS, void* entry, FINDE
     return FindFirstFileW(L"C:\\*", std::make_unique<WIN32_FIND_DATAW>().get());
 }
 
-/// In the place of what this program imports, as long as it lives.
-class ReplacedImport {
-public:
-    ReplacedImport(const char* name, void* function)
-        : m_slot(importSlot(GetModuleHandleW(nullptr), name)), m_former(setImport(m_slot, function)) {}
-    ~ReplacedImport() { setImport(m_slot, m_former); }
-    ReplacedImport(const ReplacedImport&) = delete;
-    ReplacedImport& operator=(const ReplacedImport&) = delete;
-
-private:
-    void** m_slot;
-    void* m_former;
-};
-
 TEST_F(Doctor, DownloadedFilesAreUnblocked) {
-    const ReplacedImport attributes("GetFileAttributesW", reinterpret_cast<void*>(&attributesWithMark));
-    const ReplacedImport deletion("DeleteFileW", reinterpret_cast<void*>(&deleteMark));
+    const ReplacedImport attributes("GetFileAttributesW", &attributesWithMark);
+    const ReplacedImport deletion("DeleteFileW", &deleteMark);
     m_clip.clear();
     for (const auto& [file, id] : {std::pair(L"BlackmagicRawAPI.dll", L"decoder-blocked"),
                                    std::pair(L"Clipforge_Guard.dll", L"file-blocked")}) {
@@ -252,7 +233,7 @@ TEST_F(Doctor, DownloadedFilesAreUnblocked) {
 }
 
 TEST_F(Doctor, AClipInTheCloudIsNotFetched) {
-    const ReplacedImport search("FindFirstFileExW", reinterpret_cast<void*>(&findInCloud));
+    const ReplacedImport search("FindFirstFileExW", &findInCloud);
     expectFault(L"clip-in-cloud");
 }
 
@@ -266,7 +247,7 @@ TEST_F(Doctor, ExplorersMemoryIsEmptiedAtTheEnd) {
     const Diagnosis diagnosis = look();
     EXPECT_TRUE(diagnosis.isHealthy()) << "it is no fault";
     ASSERT_EQ(1u, diagnosis.findings.size());
-    EXPECT_EQ("cache", narrow(diagnosis.findings[0].id));
+    EXPECT_STREQ(L"cache", diagnosis.findings[0].id);
     const std::wstring folder = m_folder.path().wstring();
     const std::wstring_view unasked[] = {L"--fix", L"--json", L"--folder", folder};
     runDoctor(unasked);

@@ -1,5 +1,4 @@
 // The first meeting with a library that lies, crashes or hangs: whatever it does, the call is named.
-#include <iostream>
 #include <map>
 
 #include <gtest/gtest.h>
@@ -49,10 +48,6 @@ struct Lie {
     const wchar_t* finding;
 };
 
-std::string narrow(const std::wstring& text) {
-    return {text.begin(), text.end()};
-}
-
 class Probe : public testing::Test {
 protected:
     Probe() { writeTestClip(m_request.clip, {640, 512}); }
@@ -65,15 +60,14 @@ protected:
     /// The trouble is this call's, and the row that tells it was given to the person.
     void expectNamed(const std::wstring& setting, const std::wstring& call, const std::wstring& finding) {
         const ProbeOutcome outcome = probeWith(setting);
-        EXPECT_FALSE(outcome.isGood) << narrow(setting);
-        EXPECT_TRUE(outcome.trouble.starts_with(call)) << narrow(setting) << "\n" << narrow(outcome.trouble);
-        EXPECT_NE(std::wstring::npos, outcome.trouble.find(finding)) << narrow(setting) << "\n"
-                                                                     << narrow(outcome.trouble);
+        EXPECT_FALSE(outcome.isGood) << setting;
+        EXPECT_TRUE(outcome.trouble.starts_with(call)) << setting << "\n" << outcome.trouble;
+        EXPECT_NE(std::wstring::npos, outcome.trouble.find(finding)) << setting << "\n" << outcome.trouble;
         EXPECT_TRUE(std::ranges::any_of(m_rows, [&](const std::wstring& row) {
             return row.find(call) != std::wstring::npos && row.find(L"  ok  ") == std::wstring::npos;
-        })) << narrow(setting);
+        })) << setting;
         EXPECT_NE(L"", outcome.meaning);
-        EXPECT_TRUE(outcome.advice.starts_with(L"Next: ")) << narrow(outcome.advice);
+        EXPECT_TRUE(outcome.advice.starts_with(L"Next: ")) << outcome.advice;
     }
 
     TemporaryFolder m_folder;
@@ -85,15 +79,14 @@ protected:
 
 TEST_F(Probe, AGoodLibraryGivesAPicture) {
     const ProbeOutcome outcome = probeWith(L"");
-    EXPECT_TRUE(outcome.isGood) << narrow(outcome.trouble);
+    EXPECT_TRUE(outcome.isGood) << outcome.trouble;
     EXPECT_EQ(probe::stages().size(), m_rows.size());
     EXPECT_TRUE(std::filesystem::exists(m_request.picture));
-    EXPECT_NE(std::wstring::npos, outcome.advice.find(L"fit each other")) << narrow(outcome.advice);
+    EXPECT_NE(std::wstring::npos, outcome.advice.find(L"fit each other")) << outcome.advice;
     // Red grows to the right, green downwards: the sketch is darkest at the top left, brightest at the bottom
     // right.
     const size_t end = outcome.sketch.find_last_not_of(L"\n");
-    EXPECT_TRUE(std::wstring_view(L" .:-").find(outcome.sketch[6]) != std::wstring::npos)
-        << narrow(outcome.sketch);
+    EXPECT_TRUE(std::wstring_view(L" .:-").find(outcome.sketch[6]) != std::wstring::npos) << outcome.sketch;
     EXPECT_TRUE(std::wstring_view(L"+*#%@").find(outcome.sketch[end]) != std::wstring::npos);
 }
 
@@ -172,7 +165,7 @@ TEST_F(Probe, ALibraryWithOtherMannersIsGood) {
           L"resourceManagerHoldsCodec,callbackIsNotCounted,changingThreads,lateCompletions,"
           L"shuffledResolutions"}) {
         const ProbeOutcome outcome = probeWith(manners);
-        EXPECT_TRUE(outcome.isGood) << narrow(manners) << "\n" << narrow(outcome.trouble);
+        EXPECT_TRUE(outcome.isGood) << manners << "\n" << outcome.trouble;
     }
 }
 
@@ -201,10 +194,10 @@ TEST_F(Probe, WhatIsNoLibraryOrNoClipIsRefusedBeforehand) {
         const std::wstring_view words[] = {clip, L"--library", library};
         try {
             runProbe(words);
-            ADD_FAILURE() << narrow(line);
+            ADD_FAILURE() << line;
         } catch (const CommandError& error) {
             EXPECT_EQ(EXIT_FAILED, error.code());
-            EXPECT_NE(std::wstring::npos, error.line().find(line)) << narrow(error.line());
+            EXPECT_NE(std::wstring::npos, error.line().find(line)) << error.line();
         }
     }
 }
@@ -220,17 +213,4 @@ TEST_F(Probe, APersonGetsRowsAndASentence) {
     EXPECT_TRUE(run.output.substr(last).starts_with("Next: see whether the clip plays")) << run.output;
 }
 
-// The whole table, for reading: some minutes.
-TEST_F(Probe, DISABLED_EveryLieAtEveryCall) {
-    m_request.patience = 2'000;
-    for (const auto& [name, occurrence, stage] : crossings())
-        for (const wchar_t* const kind :
-             {L"nullWrite", L"fail", L"succeedEmpty", L"allOnes", L"terminate", L"hang"}) {
-            const ProbeOutcome outcome =
-                probeWith(std::wstring(kind) + L"@" + name + L"#" + std::to_wstring(occurrence) +
-                          (kind == std::wstring_view(L"fail") ? L"=0x80004005" : L""));
-            std::cout << narrow(name) << "#" << occurrence << "\t" << narrow(kind) << "\t"
-                      << narrow(outcome.isGood ? L"-" : outcome.trouble) << std::endl;
-        }
-}
 } // namespace

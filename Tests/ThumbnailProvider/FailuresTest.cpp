@@ -211,4 +211,34 @@ TEST_F(Failures, WhatTheDecoderSaysOfGeometryIsToldAndOfAClipIsE_FAIL) {
         EXPECT_LT(0, m_decoder.account().faultsFired) << "no such call";
     }
 }
+
+TEST_F(Failures, TheCoreStartsWithTheRightLibraryAlone) {
+    const std::wstring path = writeClip(), library = inside(L"BlackmagicRawAPI.dll");
+    const std::string good = readFileBytes(builtFile("bin") / "BlackmagicRawAPI.dll");
+    std::string x86 = good, nameless = good;
+    x86.replace(static_cast<uint8_t>(good[0x3C]) + size_t{4}, 2, "\x4C\x01"); // the header's machine
+    for (size_t at = 0; (at = nameless.find("CreateBlackmagicRawFactoryInstance", at)) != nameless.npos;)
+        nameless[at] = 'X';
+    std::vector<std::string> wrong = {"", "This is not a library.", x86, nameless, good + '\0'};
+    for (size_t cut = good.size() - 1; cut > 0; cut /= 3) // half of them within the headers
+        wrong.push_back(good.substr(0, cut));
+    std::filesystem::copy(builtFile("bin") / "Clipforge_Thumbnails.dll", m_folder.path());
+    load(m_folder.path());
+    const auto expectNoStart = [&] {
+        for (int i = 0; i < 2; ++i) // the first failure must not spoil the next attempt
+            expectFailed(path, 16, E_UNEXPECTED, false);
+    };
+    expectNoStart();
+    std::filesystem::create_directory(library);
+    expectNoStart();
+    std::filesystem::remove(library);
+    for (const std::string& bytes : wrong) {
+        SCOPED_TRACE(bytes.size());
+        writeFileBytes(library, bytes);
+        expectNoStart();
+        writeFileBytes(library, good);
+        EXPECT_RESULT(S_OK, ask(path).result);
+    }
+    load(builtFile("bin"));
+}
 } // namespace

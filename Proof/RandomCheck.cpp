@@ -22,10 +22,6 @@ public:
     /// From 0 to one less than `limit`.
     uint32_t below(size_t limit) { return static_cast<uint32_t>(m_engine() % limit); }
     bool isOneIn(uint32_t chances) { return below(chances) == 0; }
-    template <class Table>
-    const auto& anyOf(const Table& table) {
-        return table[below(std::size(table))];
-    }
     /// Small ones as likely as large ones, but none that takes long: from 23,171 on they are refused.
     uint32_t anySize() {
         const uint32_t size = static_cast<uint32_t>(m_engine()) >> below(32);
@@ -52,17 +48,12 @@ public:
         return bytes;
     }
 
-    /// A file or folder name, mostly of letters and words that are trouble somewhere.
+    /// Any UTF-16 units, letters and what means something in paths as likely as all others.
     std::wstring name(size_t longest) {
-        static constexpr std::wstring_view letters = L"aZ .-\'&^;,=@([$#+\u00E9\u30D5\u202E\uFEFF\uFFFF"
-                                                     L"\xD83C\xDFAC\x01?*<\"|:\\/";
-        static constexpr std::wstring_view words[] = {L"..",  L"%1",       L"%PATH%",       L"{0}",
-                                                      L"~1",  L"e\u0301",  L"\xD83C\xDFAC", L"CON",
-                                                      L"nul", L"LPT1.braw"};
-        const size_t length = isOneIn(8) ? below(longest) : below(12);
+        constexpr std::wstring_view letters = L"aZ .-%~&^;,=@$#+?*<\"|:\\/";
         std::wstring name;
-        while (name.size() <= length)
-            name += isOneIn(4) ? anyOf(words) : letters.substr(below(letters.size()), 1);
+        for (size_t length = 1 + below(longest); length > 0; --length)
+            name += isOneIn(2) ? letters[below(letters.size())] : static_cast<wchar_t>(1 + below(0xFFFF));
         return name;
     }
 
@@ -99,11 +90,8 @@ public:
     void tryPaths() {
         const std::wstring base = m_folder.path().wstring() + L"\\";
         for (uint32_t i = 0; i < times(40); ++i) {
-            std::wstring path = m_random.name(i % 7 == 0 ? 33'000 : 200);
-            if (!m_random.isOneIn(4))
-                path.insert(0, base);
-            if (m_random.isOneIn(6))
-                path.insert(0, L"\\\\?\\");
+            const std::wstring path =
+                (m_random.isOneIn(4) ? L"" : base) + m_random.name(i % 7 == 0 ? 33'000 : 60);
             // Where the system takes the name there is a clip behind it, half the time.
             const bool isInside = path.find(base) != path.npos && path.find(L"..") == path.npos;
             const bool isClip = isInside && i % 2 == 0 && CopyFileW(m_clipPath.c_str(), path.c_str(), TRUE);

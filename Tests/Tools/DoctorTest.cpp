@@ -1,6 +1,8 @@
 // The doctor over broken set-ups: each is named as what it is, and mended where that is safe.
 #include <algorithm>
+#include <functional>
 #include <memory>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <objbase.h>
@@ -23,8 +25,15 @@
 namespace {
 const std::filesystem::path kBinaries = builtFile("bin");
 
+constexpr const wchar_t* kGuard = L"Clipforge_Guard.dll";
+constexpr const wchar_t* kWorker = L"Clipforge_Worker.exe";
+constexpr const wchar_t* kHandler = L"Clipforge_Thumbnails.dll";
 constexpr wchar_t kClassId[] = GUARD_CLSID_TEXT;
 constexpr wchar_t kClass[] = L"Software\\Classes\\CLSID\\" GUARD_CLSID_TEXT;
+constexpr wchar_t kServer[] = L"Software\\Classes\\CLSID\\" GUARD_CLSID_TEXT L"\\InProcServer32";
+constexpr wchar_t k32BitServer[] =
+    L"Software\\Classes\\Wow6432Node\\CLSID\\" GUARD_CLSID_TEXT L"\\InProcServer32";
+constexpr wchar_t kExplorer[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\";
 constexpr wchar_t kPolicies[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Policies\\Explorer";
 constexpr wchar_t kExtensions[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Shell Extensions\\";
 constexpr wchar_t kOther[] = L"{11111111-2222-3333-4444-555555555555}";
@@ -35,8 +44,7 @@ protected:
     void SetUp() override {
         ASSERT_EQ(S_OK, CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED));
         for (const wchar_t* const name :
-             {L"Clipforge_Guard.dll", L"Clipforge_Worker.exe", L"Clipforge_Thumbnails.dll",
-              L"BlackmagicRawAPI.dll", L"Clipforge_Icon.ico"})
+             {kGuard, kWorker, kHandler, BlackmagicRawAPIFileName, L"Clipforge_Icon.ico"})
             std::filesystem::copy_file(kBinaries / name, m_folder.path() / name);
         writeTestClip(m_folder.path() / L"clip.braw", {640, 512});
         ASSERT_EQ(S_OK, registerHandler(inside(L""), Scope::machine));
@@ -73,113 +81,95 @@ TEST_F(Doctor, ASoundInstallationIsWell) {
     EXPECT_TRUE(diagnosis.isHealthy()) << diagnosis.findings[0].text;
 }
 
-/// What a way of breaking a set-up has at hand.
-struct Parts {
-    std::wstring folder, &clip;
+/// A way to break the set-up in `folder`; it may name another clip.
+using Cause = std::function<void(const std::wstring& folder, std::wstring& clip)>;
 
-    std::wstring decoder() const { return folder + BlackmagicRawAPIFileName; }
-    std::wstring handler() const { return folder + L"Clipforge_Guard.dll"; }
-    static void cut(const std::wstring& path, uintmax_t size) { std::filesystem::resize_file(path, size); }
-    static void policy(HKEY root, const wchar_t* name) {
-        StandInRegistry::setNumber(root, kPolicies, name, 1);
-    }
-    static void bindOther(HKEY root, const std::wstring& key = L".braw") {
-        StandInRegistry::setText(root, L"Software\\Classes\\" + key + THUMBNAIL_BINDING_KEY, nullptr, kOther);
-    }
-    static void forgetClass() { RegDeleteTreeW(HKEY_LOCAL_MACHINE, kClass); }
-};
+Cause remove(const wchar_t* file) {
+    return [=](const auto& folder, auto&) { std::filesystem::remove(folder + file); };
+}
+Cause cut(const wchar_t* file, uintmax_t size) {
+    return [=](const auto& folder, auto&) { std::filesystem::resize_file(folder + file, size); };
+}
+Cause write(const wchar_t* file, const char* bytes) {
+    return [=](const auto& folder, auto&) { writeFileBytes(folder + file, bytes); };
+}
+Cause set(HKEY root, const std::wstring& key, const wchar_t* value, const wchar_t* text) {
+    return [=](auto&&...) { StandInRegistry::setText(root, key, value, text); };
+}
+Cause set(HKEY root, const std::wstring& key, const wchar_t* value, DWORD number) {
+    return [=](auto&&...) { StandInRegistry::setNumber(root, key, value, number); };
+}
+Cause bindOther(HKEY root, const std::wstring& key) {
+    return set(root, L"Software\\Classes\\" + key + THUMBNAIL_BINDING_KEY, nullptr, kOther);
+}
+Cause all(std::vector<Cause> causes) {
+    return [=](const auto& folder, auto& clip) {
+        for (const Cause& cause : causes)
+            cause(folder, clip);
+    };
+}
+void forgetClass(const std::wstring&, std::wstring&) {
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, kClass);
+}
 
-/// A way to break the set-up. `first` is what it is to be called; `isMended`: --fix makes all well again.
+/// `first` is what the set-up's trouble is to be called; `isMended`: --fix makes all well again.
 struct Ailment {
     const wchar_t* first;
     bool isMended;
-    void (*cause)(const Parts& parts);
+    Cause cause;
 };
 const Ailment kAilments[] = {
-    {L"decoder-missing", false, [](const Parts& p) { DeleteFileW(p.decoder().c_str()); }},
-    {L"decoder-version", false, [](const Parts& p) { p.cut(p.decoder(), BlackmagicRawAPIFileSize - 1); }},
-    {L"decoder-unusable", false, [](const Parts& p) { writeFileBytes(p.decoder(), "No library at all."); }},
-    {L"decoder-unusable", false,
-     [](const Parts& p) {
-         std::string bytes = readFileBytes(p.decoder());
-         bytes.replace(static_cast<size_t>(static_cast<uint8_t>(bytes[0x3C])) + 4, 2, "\x4C\x01"); // 32-bit
-         writeFileBytes(p.decoder(), bytes);
-     }},
+    {L"decoder-missing", false, remove(BlackmagicRawAPIFileName)},
+    {L"decoder-version", false, cut(BlackmagicRawAPIFileName, BlackmagicRawAPIFileSize - 1)},
+    {L"decoder-unusable", false, write(BlackmagicRawAPIFileName, "No library at all.")},
     {L"decoder-broken", false,
-     [](const Parts&) {
+     [](auto&&...) {
          SetEnvironmentVariableW(L"REFERENCE_DECODER", L"nullWrite@IBlackmagicRawFactory::CreateCodec");
      }},
-    {L"not-bound", true, [](const Parts&) { EXPECT_EQ(S_OK, unregisterHandler(Scope::machine)); }},
-    {L"bound-to-other", true, [](const Parts& p) { p.bindOther(HKEY_LOCAL_MACHINE); }},
-    {L"bound-to-other", true, [](const Parts& p) { p.bindOther(HKEY_CURRENT_USER); }},
+    {L"not-bound", true, [](auto&&...) { EXPECT_EQ(S_OK, unregisterHandler(Scope::machine)); }},
+    {L"bound-to-other", true, bindOther(HKEY_LOCAL_MACHINE, L".braw")},
+    {L"bound-to-other", true, bindOther(HKEY_CURRENT_USER, L".braw")},
     {L"bound-by-type", false,
-     [](const Parts& p) {
-         StandInRegistry::setText(
-             HKEY_CURRENT_USER,
-             L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\FileExts\\.braw\\UserChoice",
-             L"ProgId", L"Other.Clip");
-         p.bindOther(HKEY_LOCAL_MACHINE, L"Other.Clip");
-     }},
-    {L"class-missing", true, [](const Parts& p) { p.forgetClass(); }},
-    {L"class-32-bit", true,
-     [](const Parts& p) {
-         p.forgetClass();
-         StandInRegistry::setText(HKEY_LOCAL_MACHINE,
-                                  std::wstring(L"Software\\Classes\\Wow6432Node\\CLSID\\") + kClassId +
-                                      L"\\InProcServer32",
-                                  nullptr, L"x.dll");
-     }},
-    {L"class-incomplete", true,
-     [](const Parts&) {
-         StandInRegistry::setText(HKEY_LOCAL_MACHINE, std::wstring(kClass) + L"\\InProcServer32",
-                                  L"ThreadingModel", L"Both");
-     }},
-    {L"class-incomplete", true,
-     [](const Parts&) { RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kClass, L"DisableProcessIsolation"); }},
-    {L"handler-missing", false, [](const Parts& p) { DeleteFileW(p.handler().c_str()); }},
-    {L"file-unusable", false, [](const Parts& p) { writeFileBytes(p.handler(), "No library."); }},
-    {L"worker-missing", false,
-     [](const Parts& p) { DeleteFileW((p.folder + L"Clipforge_Worker.exe").c_str()); }},
+     all({set(HKEY_CURRENT_USER, std::wstring(kExplorer) + L"FileExts\\.braw\\UserChoice", L"ProgId",
+              L"Other.Clip"),
+          bindOther(HKEY_LOCAL_MACHINE, L"Other.Clip")})},
+    {L"class-missing", true, forgetClass},
+    {L"class-32-bit", true, all({forgetClass, set(HKEY_LOCAL_MACHINE, k32BitServer, nullptr, L"x.dll")})},
+    {L"class-incomplete", true, set(HKEY_LOCAL_MACHINE, kServer, L"ThreadingModel", L"Both")},
+    {L"class-incomplete", true, set(HKEY_LOCAL_MACHINE, kClass, L"DisableProcessIsolation", DWORD{0})},
+    {L"handler-missing", false, remove(kGuard)},
+    {L"file-unusable", false, write(kGuard, "No library.")},
+    {L"worker-missing", false, remove(kWorker)},
     {L"worker-unstartable", false,
-     [](const Parts& p) {
-         CopyFileW((kBinaries / "clipforge-thumb.exe").c_str(), (p.folder + L"Clipforge_Worker.exe").c_str(),
-                   FALSE);
+     [](const std::wstring& folder, auto&) {
+         CopyFileW((kBinaries / "clipforge-thumb.exe").c_str(), (folder + kWorker).c_str(), FALSE);
      }},
-    {L"inner-handler-missing", false,
-     [](const Parts& p) { DeleteFileW((p.folder + L"Clipforge_Thumbnails.dll").c_str()); }},
-    {L"handler-unloadable", false, [](const Parts& p) { p.cut(p.handler(), 8192); }},
-    {L"icons-only", true,
-     [](const Parts&) {
-         StandInRegistry::setNumber(HKEY_CURRENT_USER,
-                                    L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\Advanced",
-                                    L"IconsOnly", 1);
-     }},
-    {L"policy-thumbnails", false, [](const Parts& p) { p.policy(HKEY_CURRENT_USER, L"DisableThumbnails"); }},
-    {L"policy-thumbnails", false, [](const Parts& p) { p.policy(HKEY_LOCAL_MACHINE, L"DisableThumbnails"); }},
+    {L"inner-handler-missing", false, remove(kHandler)},
+    {L"handler-unloadable", false, cut(kGuard, 8192)},
+    {L"icons-only", true, set(HKEY_CURRENT_USER, std::wstring(kExplorer) + L"Advanced", L"IconsOnly", 1)},
+    {L"policy-thumbnails", false, set(HKEY_CURRENT_USER, kPolicies, L"DisableThumbnails", 1)},
+    {L"policy-thumbnails", false, set(HKEY_LOCAL_MACHINE, kPolicies, L"DisableThumbnails", 1)},
     {L"policy-network", false,
-     [](const Parts& p) {
-         p.policy(HKEY_LOCAL_MACHINE, L"DisableThumbnailsOnNetworkFolders");
-         p.clip = L"\\\\nowhere\\share\\clip.braw";
+     [](auto&&, std::wstring& clip) {
+         StandInRegistry::setNumber(HKEY_LOCAL_MACHINE, kPolicies, L"DisableThumbnailsOnNetworkFolders", 1);
+         clip = L"\\\\nowhere\\share\\clip.braw";
      }},
-    {L"class-blocked", false,
-     [](const Parts&) {
-         StandInRegistry::setText(HKEY_LOCAL_MACHINE, std::wstring(kExtensions) + L"Blocked", kClassId, L"");
-     }},
+    {L"class-blocked", false, set(HKEY_LOCAL_MACHINE, std::wstring(kExtensions) + L"Blocked", kClassId, L"")},
     {L"not-approved", true,
-     [](const Parts& p) {
-         p.policy(HKEY_LOCAL_MACHINE, L"EnforceShellExtensionSecurity");
+     [](auto&&...) {
+         StandInRegistry::setNumber(HKEY_LOCAL_MACHINE, kPolicies, L"EnforceShellExtensionSecurity", 1);
          RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, (std::wstring(kExtensions) + L"Approved").c_str(), kClassId);
      }},
-    {L"clip-unreadable", false, [](const Parts& p) { DeleteFileW(p.clip.c_str()); }},
-    {L"clip-unreadable", false, [](const Parts& p) { p.cut(p.clip, 0); }},
-    {L"clip-other-kind", false, [](const Parts& p) { writeFileBytes(p.clip, "\xFF\xD8\xFF\xE0"); }},
+    {L"clip-unreadable", false, remove(L"clip.braw")},
+    {L"clip-unreadable", false, cut(L"clip.braw", 0)},
+    {L"clip-other-kind", false, write(L"clip.braw", "\xFF\xD8\xFF\xE0")},
     {L"clip-extension", false,
-     [](const Parts& p) {
-         MoveFileW(p.clip.c_str(), (p.folder + L"clip.mov").c_str());
-         p.clip = p.folder + L"clip.mov";
+     [](const std::wstring& folder, std::wstring& clip) {
+         std::filesystem::rename(clip, folder + L"clip.mov");
+         clip = folder + L"clip.mov";
      }},
-    {L"clip-undecodable", false, [](const Parts& p) { p.cut(p.clip, 40); }},
-    {L"clip-undecodable", false, [](const Parts& p) { writeFileBytes(p.clip, "No clip at all."); }},
+    {L"clip-undecodable", false, cut(L"clip.braw", 40)},
+    {L"clip-undecodable", false, write(L"clip.braw", "No clip at all.")},
 };
 
 // Ailments are few enough to have one set-up each: SetUp makes a sound one.
@@ -190,7 +180,7 @@ TEST_P(BrokenSetUp, IsNamedAndMended) {
     const EnvironmentVariable decoder(L"REFERENCE_DECODER", nullptr);
     if (!std::wstring_view(ailment.first).starts_with(L"clip-"))
         m_clip.clear(); // decoding takes time
-    ailment.cause({inside(L""), m_clip});
+    ailment.cause(inside(L""), m_clip);
     expectFault(ailment.first);
     if (ailment.isMended) {
         EXPECT_EQ(EXIT_DONE, fix());

@@ -17,18 +17,6 @@ namespace fs = std::filesystem;
 namespace {
 const fs::path built = fs::path(ownModulePath()).parent_path();
 
-/// The program's current folder, for as long as the object lives.
-class CurrentFolder {
-public:
-    explicit CurrentFolder(const fs::path& path) : m_former(fs::current_path()) { fs::current_path(path); }
-    ~CurrentFolder() { fs::current_path(m_former); }
-    CurrentFolder(const CurrentFolder&) = delete;
-    CurrentFolder& operator=(const CurrentFolder&) = delete;
-
-private:
-    fs::path m_former;
-};
-
 /// Which dependency the needy library found, or 0 when it could not be loaded.
 int loadNeedy(const fs::path& folder) {
     const HMODULE library = loadLibraryIsolated((folder / "needy.dll").wstring());
@@ -64,11 +52,13 @@ TEST(Module, DependenciesAreFoundBesideTheLibraryAndNeverInTheCurrentFolder) {
     const TemporaryFolder temporary, clips;
     fs::copy(built / "needy.dll", temporary.path());
     fs::copy(built / "WrongDependency" / "dependency.dll", clips.path());
-    const CurrentFolder current(clips.path());
+    const fs::path before = fs::current_path();
+    fs::current_path(clips.path());
     const EnvironmentVariable path(L"PATH", clips.path().c_str());
     EXPECT_EQ(loadNeedy(temporary.path()), 0);
     fs::copy(built / "RightDependency" / "dependency.dll", temporary.path());
     EXPECT_EQ(loadNeedy(temporary.path()), 1);
+    fs::current_path(before);
 }
 
 TEST(Module, LoadsQuietlyAndOnOldSystemsToo) {

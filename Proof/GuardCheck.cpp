@@ -17,27 +17,13 @@
 #include <psapi.h>
 
 #include "GuardFailures.h"
-#include "Processes.h"
+#include "GuardWorkers.h"
 #include "Proof.h"
 #include "Scenario.h"
-#include "StandInRegistry.h"
 
 namespace {
 
 using Kind = ReferenceDecoderFaultKind;
-constexpr wchar_t workerName[] = L"Clipforge_Worker.exe";
-
-void setPolicy(const wchar_t* name, DWORD value) {
-    StandInRegistry::setNumber(HKEY_CURRENT_USER, L"Software\\Verdane\\Clipforge", name, value);
-}
-
-bool workersBecome(size_t count, DWORD host = GetCurrentProcessId(), DWORD milliseconds = 1000) {
-    for (const ULONGLONG end = GetTickCount64() + milliseconds; GetTickCount64() < end; Sleep(2))
-        if (childProcesses(workerName, host).size() == count)
-            return true;
-    return false;
-}
-
 /// What a shell's process has, and what a guard that leaks would add to.
 class Holdings {
 public:
@@ -115,7 +101,7 @@ public:
             return "the fault was never reached";
         if (trouble.empty() && !(trouble = ask()).empty())
             trouble = "the next one: " + trouble;
-        if (trouble.empty() && !workersBecome(1))
+        if (trouble.empty() && !workersBecome(1, 1000))
             trouble = std::to_string(childProcesses(workerName).size()) + " workers are left";
         return trouble.empty() ? before.growth() : trouble;
     }
@@ -189,10 +175,9 @@ PROOF_CHECK("guard hang", "the decoder hangs in a worker, at each call", tryHang
 
 /// Whether something limits this process's memory, and so a worker's.
 bool isMemoryLimited() {
-    constexpr size_t bytes = size_t{512} << 20;
-    void* const memory = VirtualAlloc(nullptr, bytes, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+    void* const memory = HeapAlloc(GetProcessHeap(), 0, size_t{512} << 20);
     if (memory != nullptr)
-        VirtualFree(memory, 0, MEM_RELEASE);
+        HeapFree(GetProcessHeap(), 0, memory);
     return memory == nullptr;
 }
 
@@ -257,7 +242,7 @@ void tryKilledWorkers(ProofForm form, ProofTally& tally) {
     std::printf("  %d workers were ended\n", killed.load());
     tally.count("workers to end", killed > 0 ? "" : "there were none");
     shell.library().call("DllCanUnloadNow");
-    tally.count("no worker afterwards", workersBecome(0) ? "" : "some are left");
+    tally.count("no worker afterwards", workersBecome(0, 1000) ? "" : "some are left");
     shell.decoder().reset();
     shell.decoder().writeOffLosses();
     tally.attempt("the next one", [&] { return shell.ask(); });
@@ -265,6 +250,41 @@ void tryKilledWorkers(ProofForm form, ProofTally& tally) {
     tally.count("handles, threads and GDI objects", before.growth(1));
 }
 PROOF_CHECK("guard kill", "workers are ended from outside, at random", tryKilledWorkers);
+
+/// A worker writes at random into all that it shares with the guard, or changes its answer while it is read.
+void tryLies(ProofForm form, ProofTally& tally) {
+    const StandInRegistry registry;
+    for (const wchar_t* policy : {L"KillerMinutes", L"PauseSeconds"})
+        setPolicy(policy, 0);
+    setPolicy(L"WorkerSeconds", 1);
+    for (const char* lie : {"scribbles", "keeps changing"}) {
+        const TemporaryFolder folder;
+        const auto copy = [&](const char* from, const wchar_t* name) {
+            std::filesystem::copy_file(builtFile(from, name), folder.path() / name);
+        };
+        copy("bin", L"Clipforge_Guard.dll");
+        copy("guard-lies", workerName);
+        writeFileBytes(folder.path() / "lie", lie);
+        HandlerLibrary library;
+        library.load(folder.path() / L"Clipforge_Guard.dll");
+        int pictures = 0;
+        for (int i = 0; i < (form == ProofForm::full ? 500 : 20); ++i)
+            tally.attempt(std::string(lie) + " " + std::to_string(i), [&] {
+                const ThumbnailAnswer answer = askForThumbnail(L"clip", 64, &library);
+                DIBSECTION section = {};
+                if (answer.result != S_OK)
+                    return std::string(FAILED(answer.result) ? "" : resultText(answer.result));
+                ++pictures;
+                if (!isThumbnailBitmap(answer.bitmap.get(), section))
+                    return std::string("no picture");
+                const bool isHeightKnown = std::string_view(lie) == "keeps changing";
+                return std::string(isHeightKnown && section.dsBmih.biHeight != 32 ? "of a wrong size" : "");
+            });
+        std::printf("  %s: %d pictures\n", lie, pictures);
+    }
+    tally.count("no worker afterwards", workersBecome(0) ? "" : "some are left");
+}
+PROOF_CHECK("guard lies", "a worker lies in all that it shares with the guard", tryLies);
 
 /// The host itself is ended while its worker works.
 void tryKilledHosts(ProofForm form, ProofTally& tally) {
@@ -285,11 +305,11 @@ void tryKilledHosts(ProofForm form, ProofTally& tally) {
             PROCESS_INFORMATION host = {};
             CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
                            &startup, &host);
-            const bool started = workersBecome(1, host.dwProcessId, 60000);
+            const bool started = workersBecome(1, 60000, host.dwProcessId);
             Sleep(random() % 200); // it starts, loads, or hangs already
             TerminateProcess(host.hProcess, 1);
             const ULONGLONG start = GetTickCount64();
-            const bool gone = workersBecome(0, host.dwProcessId, 10000);
+            const bool gone = workersBecome(0, 10000, host.dwProcessId);
             const auto taken = static_cast<double>(GetTickCount64() - start);
             longest = std::max(longest, taken);
             CloseHandle(host.hThread);
@@ -314,7 +334,7 @@ void tryReloading(ProofForm form, ProofTally& tally) {
                 FreeLibrary(shell.library().release());
             if (trouble.empty() && GetModuleHandleW(L"Clipforge_Guard.dll") != nullptr)
                 trouble = "it stays loaded";
-            if (trouble.empty() && !workersBecome(0))
+            if (trouble.empty() && !workersBecome(0, 1000))
                 trouble = "a worker is left";
             if (i == 1)
                 before.emplace();

@@ -29,9 +29,10 @@ DWORD WINAPI raise(void*) {
 void eatMemory(int64_t mebibytes) {
     constexpr SIZE_T mebibyte = 1 << 20, page = 4096;
     for (int64_t eaten = 0; eaten < mebibytes; ++eaten) {
-        auto* const bytes = static_cast<volatile char*>(
-            VirtualAlloc(nullptr, mebibyte, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
-        for (SIZE_T i = 0; bytes && i < mebibyte; i += page)
+        auto* const bytes = static_cast<volatile char*>(HeapAlloc(GetProcessHeap(), 0, mebibyte));
+        if (bytes == nullptr)
+            return;
+        for (SIZE_T i = 0; i < mebibyte; i += page)
             bytes[i] = 1;
     }
 }

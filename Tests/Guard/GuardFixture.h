@@ -8,11 +8,11 @@
 
 #include <gtest/gtest.h>
 
+#include "BuiltFile.h"
 #include "GdiObjects.h"
+#include "GuardWorkers.h"
 #include "HandlerHost.h"
-#include "Processes.h"
 #include "StandIn.h"
-#include "StandInRegistry.h"
 #include "TemporaryFolder.h"
 
 /// A failed comparison prints the code as people look it up.
@@ -24,28 +24,6 @@ struct Result {
     }
 };
 #define EXPECT_RESULT(expected, actual) EXPECT_EQ(Result{expected}, Result{actual})
-
-constexpr wchar_t workerName[] = L"Clipforge_Worker.exe";
-
-/// The folder that holds a build's file of that name.
-inline std::filesystem::path builtFile(const wchar_t* folder, const wchar_t* name) {
-    wchar_t program[MAX_PATH];
-    GetModuleFileNameW(nullptr, program, MAX_PATH);
-    return std::filesystem::path(program).parent_path() / CLIPFORGE_PRODUCTS / folder / name;
-}
-
-inline void setPolicy(const wchar_t* name, DWORD value) {
-    RegSetKeyValueW(HKEY_CURRENT_USER, L"Software\\Verdane\\Clipforge", name, REG_DWORD, &value,
-                    sizeof value);
-}
-
-/// Whether that many workers of `host` are alive, or will be soon.
-inline bool workersBecome(size_t count, DWORD milliseconds = 10000, DWORD host = GetCurrentProcessId()) {
-    for (const ULONGLONG end = GetTickCount64() + milliseconds; GetTickCount64() < end; Sleep(5))
-        if (childProcesses(workerName, host).size() == count)
-            return true;
-    return false;
-}
 
 class GuardTest : public testing::Test {
 protected:
@@ -65,7 +43,7 @@ protected:
         return (m_folder.path() / name).make_preferred();
     }
     void install(const wchar_t* from, const wchar_t* name) {
-        std::filesystem::copy_file(builtFile(from, name), inside(name),
+        std::filesystem::copy_file(builtFile(std::filesystem::path(from) / name), inside(name),
                                    std::filesystem::copy_options::overwrite_existing);
     }
     void load() {

@@ -15,9 +15,12 @@ struct Lie {
 void scribble(WorkerChannel& channel) {
     static std::mt19937 random(GetTickCount());
     auto* const bytes = reinterpret_cast<uint8_t*>(&channel);
-    for (int i = 0; i < 100; ++i)
-        bytes[random() % sizeof channel.answer + offsetof(WorkerChannel, answer)] =
-            static_cast<uint8_t>(random());
+    for (uint32_t i = random() % 64; i > 0; --i) {
+        const size_t place = random() % 2 == 0
+                                 ? offsetof(WorkerChannel, answer) + random() % sizeof channel.answer
+                                 : random() % (WorkerChannel::pixelsOffset + 64 * 32 * 4);
+        bytes[place] = static_cast<uint8_t>(random());
+    }
     channel.answer.number = channel.question.number; // so that the rest is looked at
     if (random() % 2 == 0)
         channel.answer.outcome = WorkerOutcome::answered, channel.answer.result = S_OK,

@@ -109,6 +109,8 @@ TEST_P(HandlerRegistration, LeavesEverythingAsItWas) {
                   textOf(m_root, L"Software\\Classes\\Clipforge.ThumbnailClip\\shell\\open\\command"));
         EXPECT_EQ(S_OK, registerHandler(L"C:\\two\\", GetParam())) << "an upgrade";
         EXPECT_EQ(L"C:\\two\\Clipforge_Guard.dll", textOf(m_root, ourServer));
+        EXPECT_EQ(L"C:\\two\\Clipforge_Icon.ico",
+                  textOf(m_root, L"Software\\Classes\\.sidecar\\DefaultIcon"));
         EXPECT_EQ(S_OK, unregisterHandler(GetParam()));
         EXPECT_EQ(before, photograph());
         EXPECT_EQ(S_OK, unregisterHandler(GetParam()));

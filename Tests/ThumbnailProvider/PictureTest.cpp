@@ -44,13 +44,6 @@ TEST_F(Picture, SizeFollowsTheDecodersResolutions) {
         }
 }
 
-TEST_F(Picture, EveryPixelIsTheSources) {
-    const TestClip clip{61, 47}; // no side is a multiple of anything
-    const std::wstring path = writeClip(clip);
-    for (const uint32_t factor : {1u, 2u, 4u, 8u})
-        expectPicture(ask(path, expectedSide(47, factor)), clip, factor);
-}
-
 // Not through the guard: a worker's decoder gives its account to nobody.
 using PictureInProcess = Picture;
 TEST_F(PictureInProcess, OfAClipWithALut) {
@@ -71,6 +64,7 @@ TEST_F(Picture, ATurnedClipIsUprightWholeAndUnsheared) {
                 SCOPED_TRACE(testing::Message() << "orientation " << orientation << ", manners "
                                                 << static_cast<uint32_t>(told | buffers));
                 m_decoder.setManners(told | buffers);
+                // No side is a multiple of anything.
                 const TestClip clip{.width = 61, .height = 47, .orientation = orientation};
                 const std::wstring path = writeClip(clip);
                 for (const uint32_t factor : {1u, 4u})

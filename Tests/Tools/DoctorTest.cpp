@@ -161,7 +161,6 @@ const Ailment kAilments[] = {
          RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, (std::wstring(kExtensions) + L"Approved").c_str(), kClassId);
      }},
     {L"clip-unreadable", false, remove(L"clip.braw")},
-    {L"clip-unreadable", false, cut(L"clip.braw", 0)},
     {L"clip-other-kind", false, write(L"clip.braw", "\xFF\xD8\xFF\xE0")},
     {L"clip-extension", false,
      [](const std::wstring& folder, std::wstring& clip) {
@@ -169,7 +168,6 @@ const Ailment kAilments[] = {
          clip = folder + L"clip.mov";
      }},
     {L"clip-undecodable", false, cut(L"clip.braw", 40)},
-    {L"clip-undecodable", false, write(L"clip.braw", "No clip at all.")},
 };
 
 // Ailments are few enough to have one set-up each: SetUp makes a sound one.

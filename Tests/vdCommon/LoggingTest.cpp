@@ -68,17 +68,6 @@ TEST(Logging, ThresholdDecidesAndSuppressedMessagesAreNotBuilt) {
     }
 }
 
-TEST(Logging, FileThatIsTakenCostsTheLineAlone) {
-    const LogSession session(vdLogLevel::info);
-    const HANDLE taken =
-        CreateFileW(logPath().c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    VD_LOG_INFO("lost");
-    CloseHandle(taken);
-    VD_LOG_INFO("kept");
-    ASSERT_EQ(session.lines().size(), 1u);
-    EXPECT_TRUE(session.lines()[0].ends_with("|kept"));
-}
-
 TEST(Logging, SecondSessionKeepsTheFirstAside) {
     writeFileBytes(logPath("BRAW_Thumbnail_lastSession.log"), "older");
     { const LogSession session(vdLogLevel::info); }

@@ -6,6 +6,7 @@
 #include "BuiltFile.h"
 #include "Console.h"
 #include "EnvironmentVariable.h"
+#include "Imports.h"
 #include "Probe.h"
 #include "ProbeStages.h"
 #include "ProgramRun.h"
@@ -144,6 +145,28 @@ TEST_F(Probe, AHangIsNamed) {
                 L"HUNG, no answer");
     expectNamed(L"hang@IBlackmagicRawCallback::ProcessComplete", L"IBlackmagicRawCallback::ProcessComplete",
                 L"HUNG, no answer in 3 seconds, in the library's own work");
+}
+
+decltype(&CreateProcessW) g_createProcess;
+int g_endingChildren = 0;
+
+/// The next children end before they begin, as on a system that is short of something for a moment.
+BOOL WINAPI createEndingProcess(LPCWSTR program, LPWSTR line, LPSECURITY_ATTRIBUTES process,
+                                LPSECURITY_ATTRIBUTES thread, BOOL inherits, DWORD flags, LPVOID environment,
+                                LPCWSTR folder, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION information) {
+    wchar_t endingLine[] = L"x probe-child";
+    return g_createProcess(program, g_endingChildren-- > 0 ? endingLine : line, process, thread, inherits,
+                           flags, environment, folder, startup, information);
+}
+
+TEST_F(Probe, AChildThatEndsBeforeItBeginsIsStartedOnceMore) {
+    const ReplacedImport create("CreateProcessW", &createEndingProcess);
+    g_createProcess = create.former();
+    g_endingChildren = 1;
+    EXPECT_TRUE(probeWith(L"").isGood);
+    EXPECT_EQ(probe::stages().size(), m_rows.size());
+    g_endingChildren = 2;
+    expectNamed(L"", L"LoadLibraryEx", L"ENDED, the process ended itself with 0x00000002");
 }
 
 TEST_F(Probe, ALibraryWithOtherMannersIsGood) {

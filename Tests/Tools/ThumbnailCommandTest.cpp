@@ -175,11 +175,12 @@ TEST_F(ThumbnailCommand, EachBadClipHasALineOfItsOwn) {
 }
 
 TEST_F(ThumbnailCommand, WhatIsAskedWronglyIsRefusedAndNothingIsWritten) {
-    const std::wstring path = writeClip(L"clip.braw"), other = writeClip(L"other.braw");
+    const std::wstring path = writeClip(L"clip.braw"), other = writeClip(L"clip.braw.png");
     const std::string bytes = readFileBytes(path);
     CreateHardLinkW(inside(L"link.png").c_str(), path.c_str(), nullptr);
     for (const std::wstring& out : {path, inside(L"CLIP.braw"), inside(L".\\clip.braw"), inside(L"link.png")})
         expectRefused({path, L"--out", out}, L"over the clip");
+    expectRefused({path, other, L"--out", m_folder.path().wstring()}, L"over the clip");
     EXPECT_EQ(bytes, readFileBytes(path));
 
     for (const wchar_t* const size : {L"0", L"-1", L"4294967296", L"12x", L"99999999999999999999"})

@@ -172,8 +172,12 @@ public:
         : m_library(request.library), m_patience(request.patience), m_onRow(onRow),
           m_child(argumentsFor(request)) {}
 
-    ProbeOutcome run() {
+    /// Without value when the child ended before it began, which says nothing of the library: a scanner or a
+    /// system that is short of something ends new processes. The last try is judged all the same.
+    std::optional<ProbeOutcome> run(bool isLastTry) {
         const End end = watch();
+        if (end == End::vanished && m_report.get().rowCount == 0 && !isLastTry)
+            return std::nullopt;
         tellEndedRows();
         judge(end);
         for (const auto& line : m_report.get().sketch)
@@ -357,7 +361,8 @@ ProbeRequest requestOf(Words words) {
 
 ProbeOutcome probeLibrary(const ProbeRequest& request,
                           const std::function<void(const std::wstring&)>& onRow) {
-    return Probe(request, onRow).run();
+    std::optional<ProbeOutcome> outcome = Probe(request, onRow).run(false);
+    return outcome ? std::move(*outcome) : *Probe(request, onRow).run(true);
 }
 
 int runProbe(Words words) {

@@ -2,7 +2,9 @@
 // at.
 #include "GuardFixture.h"
 
+#include <algorithm>
 #include <cstring>
+#include <cwchar>
 #include <iterator>
 #include <vector>
 

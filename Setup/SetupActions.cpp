@@ -16,6 +16,8 @@
 #include "HandlerRegistration.h"
 #include "RegistryRows.h"
 #include "Utils/vdGuard.h"
+#include "Utils/vdResult.h"
+#include "Utils/vdText.h"
 
 namespace {
 
@@ -117,28 +119,54 @@ std::wstring findDecoder(const std::wstring& previous) {
     return {};
 }
 
-/// The package's files as texts "name?size".
+/// The package's files, each as a text of its name and its hash.
 Plan packedFiles(MSIHANDLE setup) {
     Plan files;
     PMSIHANDLE view;
-    MsiDatabaseOpenViewW(MsiGetActiveDatabase(setup), L"SELECT `FileName`, `FileSize` FROM `File`", &view);
+    MsiDatabaseOpenViewW(MsiGetActiveDatabase(setup),
+                         L"SELECT `FileName`, `HashPart1`, `HashPart2`, `HashPart3`, `HashPart4` "
+                         L"FROM `File`, `MsiFileHash` WHERE `File`.`File` = `MsiFileHash`.`File_`",
+                         &view);
     MsiViewExecute(view, 0);
     for (PMSIHANDLE row; MsiViewFetch(view, &row) == ERROR_SUCCESS;) {
         wchar_t name[MAX_PATH];
         DWORD length = MAX_PATH;
-        if (MsiRecordGetStringW(row, 1, name, &length) == ERROR_SUCCESS)
-            files.push_back(std::wstring(name) + L"?" + std::to_wstring(MsiRecordGetInteger(row, 2)));
+        if (MsiRecordGetStringW(row, 1, name, &length) != ERROR_SUCCESS)
+            continue;
+        std::wstring file = name;
+        for (UINT part = 2; part <= 5; ++part)
+            file += L'?' + std::to_wstring(static_cast<ULONG>(MsiRecordGetInteger(row, part)));
+        files.push_back(file);
     }
     return files;
 }
 
-/// Whether a file that packedFiles has told of lies whole in `folder`. A disk that is full can go unnoticed
-/// until then.
+/// Whether a file that packedFiles has told of lies in `folder` as it was packed. A full disk or a damaged
+/// package can go unnoticed until then.
 bool isWhole(const std::wstring& folder, const std::wstring& packed) {
     const size_t at = packed.find(L'?');
-    WIN32_FILE_ATTRIBUTE_DATA file = {};
-    return GetFileAttributesExW((folder + packed.substr(0, at)).c_str(), GetFileExInfoStandard, &file) &&
-           std::to_wstring(file.nFileSizeLow) == packed.substr(at + 1);
+    MSIFILEHASHINFO hash = {};
+    hash.dwFileHashInfoSize = sizeof hash;
+    if (MsiGetFileHashW((folder + packed.substr(0, at)).c_str(), 0, &hash) != ERROR_SUCCESS)
+        return false;
+    std::wstring text;
+    for (const ULONG part : hash.dwData)
+        text += L'?' + std::to_wstring(part);
+    return packed.substr(at) == text;
+}
+
+/// Whether files can be made in `folder`, or where it will be made. Leaves nothing behind.
+DWORD tryToWrite(std::wstring folder) {
+    while (!folder.empty() && GetFileAttributesW(folder.c_str()) == INVALID_FILE_ATTRIBUTES)
+        folder = parentOf(folder);
+    if (folder.empty())
+        return ERROR_PATH_NOT_FOUND;
+    const HANDLE file = CreateFileW((folder + L"Clipforge_Setup.tmp").c_str(), GENERIC_WRITE, 0, nullptr,
+                                    CREATE_NEW, FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return GetLastError();
+    CloseHandle(file);
+    return ERROR_SUCCESS;
 }
 
 HRESULT planDecoder(MSIHANDLE setup, const std::wstring& target, const std::wstring& previous) {
@@ -188,12 +216,25 @@ __declspec(dllexport) UINT WINAPI PrepareSetup(MSIHANDLE setup) {
         const std::wstring previous = registeredFolder(scope);
         Plan registering = packedFiles(setup);
         registering.insert(registering.begin(), {scopeText, folder});
+        plan(setup, L"CheckFolder", {folder});
         plan(setup, L"RegisterHandler", registering);
         plan(setup, L"UndoRegisterHandler", {scopeText, folder, previous});
         plan(setup, L"UnregisterHandler", {scopeText, folder});
         plan(setup, L"UndoUnregisterHandler", {scopeText, folder});
         plan(setup, L"DropDecoder", {scopeText, folder});
         return removing ? S_OK : planDecoder(setup, folder, previous);
+    });
+}
+
+/// Changing, before any file is written.
+__declspec(dllexport) UINT WINAPI CheckFolder(MSIHANDLE setup) {
+    return guardAction([setup] {
+        const std::wstring folder = planOf(setup, 1)[0];
+        const HRESULT hr = HRESULT_FROM_WIN32(tryToWrite(folder));
+        if (FAILED(hr))
+            tell(setup, INSTALLMESSAGE_ERROR,
+                 L"No files can be written to " + folder + L": " + hexadecimal(hr));
+        return hr;
     });
 }
 
@@ -217,7 +258,8 @@ __declspec(dllexport) UINT WINAPI RegisterHandler(MSIHANDLE setup) {
         for (size_t i = 2; i < plan.size(); ++i)
             if (!isWhole(plan[1], plan[i])) {
                 tell(setup, INSTALLMESSAGE_ERROR,
-                     L"Not all files could be written to " + plan[1] + L". Is the disk full?");
+                     L"Not all files are in " + plan[1] +
+                         L" as they should be. Is the disk full, or the package damaged?");
                 return E_FAIL;
             }
         const HRESULT hr = registerHandler(plan[1], scopeNamed(plan[0]));

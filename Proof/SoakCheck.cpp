@@ -86,23 +86,26 @@ Kinds grown(const Holdings& before, const Holdings& after) {
 }
 
 /// As a host's life goes: most questions on one thread, some on one that comes and goes, and now and then the
-/// handler is not needed for a while and unloaded. What grew is soaked for as long again before it is judged:
-/// a buffer that the system or a runtime makes when it first needs one grows once, what is lost little by
-/// little grows each time.
+/// handler is not needed for a while and unloaded. What grew is soaked for as long again, and again, before
+/// it is judged: what the system or a runtime makes when it first needs it grows a few times (Wine 10's heap
+/// of many threads does), what is lost little by little grows each time.
 void soak(ProofForm form, ProofTally& tally) {
-    constexpr uint32_t settled = 100, questionsPerThread = 10, questionsPerLoad = 25;
+    constexpr uint32_t settled = 100, questionsPerThread = 10, questionsPerLoad = 25, mostStretches = 9;
     const uint32_t stretch = form == ProofForm::full ? 4900 : 300;
     const std::wstring path = builtFile("bin");
     const KnownQuestions questions;
     Leftovers leftovers;
     HandlerLibrary library;
     std::vector<Holdings> taken;
+    Kinds lost = Kinds().set();
     for (uint32_t i = 0;; ++i) {
         if (i % questionsPerLoad == 0)
             library.load(path);
         if (i >= settled && (i - settled) % stretch == 0) {
             taken.push_back(takeHoldings(i));
-            if (taken.size() == 3 || (taken.size() == 2 && grown(taken[0], taken[1]).none()))
+            if (taken.size() > 1)
+                lost &= grown(taken[taken.size() - 2], taken.back());
+            if (lost.none() || taken.size() > mostStretches)
                 break;
         }
         const KnownQuestion& question = questions.all()[i % questions.all().size()];
@@ -118,7 +121,6 @@ void soak(ProofForm form, ProofTally& tally) {
             return trouble.empty() ? leftovers.trouble() : trouble;
         });
     }
-    const Kinds lost = grown(taken[0], taken[1]) & grown(taken[taken.size() - 2], taken.back());
     for (size_t i = 0; i < holdingCount; ++i)
         tally.count(kinds[i].name, lost[i] ? std::to_string(taken.back()[i] - taken[0][i]) +
                                                  " more than after the first hundred"

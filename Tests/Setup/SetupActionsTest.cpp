@@ -132,10 +132,15 @@ TEST_F(SetupActions, PlansForWhomWhereAndWithWhichDecoder) {
 
 TEST_F(SetupActions, ChangesAndUndoes) {
     const auto registered = [] { return registeredFolder(Scope::user); };
-    writeFileBytes(m_new + L"file", "12345");
-    EXPECT_EQ(failed, change("RegisterHandler", L"user|" + m_new + L"|file?6|"));
+    EXPECT_EQ(failed, change("CheckFolder", L"?:\\clips\\|"));
+    EXPECT_EQ(done, change("CheckFolder", m_new + L"deep\\below\\|"));
+    EXPECT_TRUE(std::filesystem::is_empty(m_new));
+    const std::wstring plan = L"user|" + m_new + L"|file?248216706?1819314922?1755395148?2068773009|";
+    writeFileBytes(m_new + L"file", "12346");
+    EXPECT_EQ(failed, change("RegisterHandler", plan)) << "other bytes";
     EXPECT_EQ(L"", registered());
-    EXPECT_EQ(done, change("RegisterHandler", L"user|" + m_new + L"|file?5|"));
+    writeFileBytes(m_new + L"file", "12345");
+    EXPECT_EQ(done, change("RegisterHandler", plan));
     EXPECT_EQ(m_new, registered());
     EXPECT_EQ(done, change("UnregisterHandler", L"user|" + m_old + L"|"));
     EXPECT_EQ(m_new, registered()) << "a newer version's";

@@ -2,11 +2,7 @@
 #include <filesystem>
 #include <string>
 
-#include <gtest/gtest.h>
-#include <windows.h>
-
-#include "BuiltFile.h"
-#include "CudaRuntime.h"
+#include "DecodeCoreFixture.h"
 #include "EnvironmentVariable.h"
 #include "FreshProcess.h"
 #include "LogSession.h"
@@ -21,11 +17,6 @@ const fs::path besideUs = [] {
     GetModuleFileNameW(nullptr, name, MAX_PATH);
     return fs::path(name).parent_path() / cudaRuntimeFile;
 }();
-
-void putBesideUs(const fs::path& folder) {
-    fs::remove(besideUs);
-    fs::copy_file(folder / cudaRuntimeFile, besideUs);
-}
 
 int copyByte() {
     char from = 'x';
@@ -43,11 +34,12 @@ DWORD slotProtection() {
 
 std::wstring loadedFrom() {
     wchar_t name[MAX_PATH] = {};
-    GetModuleFileNameW(GetModuleHandleW(L"cudart64_110.dll"), name, MAX_PATH);
+    if (const HMODULE module = GetModuleHandleA(cudaRuntimeFile))
+        GetModuleFileNameW(module, name, MAX_PATH);
     return fs::path(name).parent_path().filename().wstring();
 }
 
-// A runtime that was bound stays for the process's life: each of these has a process of its own.
+// A runtime that was bound stays for the process's life, so this has one of its own.
 TEST(CudaRuntimeProcess, DISABLED_MissingThenBrokenThenBesideUs) {
     size_t freeBytes = 1;
     size_t totalBytes = 1;
@@ -63,37 +55,24 @@ TEST(CudaRuntimeProcess, DISABLED_MissingThenBrokenThenBesideUs) {
         EXPECT_EQ(freeBytes + totalBytes, 0u);
         EXPECT_EQ(copyByte(), cudaRuntimeNotLoaded);
     }
-    // One that lacks a function: what it has works, what it lacks is a value.
-    putBesideUs(builtFile("cuda-broken"));
-    EXPECT_EQ(cudaDeviceMemory(freeBytes, totalBytes), 0);
-    EXPECT_GT(freeBytes, 0u);
+    // One on the search path that lacks a function: what it has works, what it lacks is a value.
+    const EnvironmentVariable path(L"PATH", builtFile("cuda-broken").c_str());
+    EXPECT_EQ(cudaDeviceMemory(freeBytes, totalBytes), 0) << "bound by the first call";
+    EXPECT_EQ(loadedFrom(), L"cuda-broken");
+    EXPECT_TRUE(freeBytes > 0 && totalBytes > freeBytes);
     EXPECT_EQ(copyByte(), cudaRuntimeNotLoaded);
     EXPECT_FALSE(loadCudaRuntime(message));
     EXPECT_EQ(message, "cudart64_110.dll __HrLoadAllImportsForDll exception");
-    EXPECT_EQ(GetModuleHandleW(L"cudart64_110.dll"), nullptr) << "the broken runtime is still held";
-    // The runtime beside us wins over the search path's, and a later attempt finds it after all the failures.
-    putBesideUs(builtFile("cuda"));
-    const EnvironmentVariable path(L"PATH", builtFile("cuda-broken").c_str());
+    EXPECT_EQ(loadedFrom(), L"") << "the broken runtime is still held";
+    // The runtime beside us wins over it, and a later attempt finds it after all the failures.
+    fs::copy_file(builtFile("cuda") / cudaRuntimeFile, besideUs);
     EXPECT_TRUE(loadCudaRuntime(message)) << message;
     EXPECT_EQ(message, "");
     EXPECT_EQ(loadedFrom(), besideUs.parent_path().filename().wstring());
     EXPECT_EQ(copyByte(), 0);
     EXPECT_TRUE(loadCudaRuntime(message)) << "a second bind of a bound runtime";
     EXPECT_EQ(slotProtection(), static_cast<DWORD>(PAGE_READONLY));
-}
-
-TEST(CudaRuntimeProcess, DISABLED_OnTheSearchPathWithItsErrors) {
-    const EnvironmentVariable path(L"PATH", builtFile("cuda").c_str());
-    size_t freeBytes = 0;
-    size_t totalBytes = 0;
-    EXPECT_EQ(cudaDeviceMemory(freeBytes, totalBytes), 0) << "bound by the first call";
-    EXPECT_GT(freeBytes, 0u);
-    EXPECT_GT(totalBytes, freeBytes);
-    EXPECT_EQ(loadedFrom(), L"cuda");
-    const auto setError = reinterpret_cast<void (*)(int)>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"cudart64_110.dll"), "standInSetError")));
-    ASSERT_NE(setError, nullptr);
-    setError(77);
+    standIn<void(int)>("standInSetError")(77);
     EXPECT_EQ(cudaDeviceMemory(freeBytes, totalBytes), 77);
     EXPECT_EQ(freeBytes + totalBytes, 0u);
     EXPECT_EQ(copyByte(), 77);
@@ -103,7 +82,6 @@ TEST(CudaRuntimeTest, RuntimeThatComesAndGoesIsAValue) {
     fs::remove(besideUs); // what a run that was broken off left
     runInFreshProcess("CudaRuntimeProcess.DISABLED_MissingThenBrokenThenBesideUs");
     fs::remove(besideUs);
-    runInFreshProcess("CudaRuntimeProcess.DISABLED_OnTheSearchPathWithItsErrors");
     std::string message;
     EXPECT_FALSE(loadDelayedLibrary("other.dll", message));
     EXPECT_EQ(message, "other.dll __HrLoadAllImportsForDll failed");

@@ -97,6 +97,12 @@ TEST_F(ManagerTest, SecondInitKeepsTheCodecAndReinitialisationReloadsEveryClip) 
     m_request = makeRequest(*second);
     EXPECT_EQ(m_manager->ProcessFrameSync(m_request), 0);
     EXPECT_EQ(m_request->m_errorMessage, "");
+
+    // A GPU that comes without our asking needs no runtime of ours.
+    const LogSession log(vdLogLevel::info);
+    m_manager->initFromFramework(blackmagicRawPipelineCUDA, false);
+    for (const std::string& line : log.lines())
+        EXPECT_EQ(line.find("Loading CUDA"), line.npos);
 }
 
 TEST_F(ManagerTest, ClipsAreFoundByTheirExactPath) {

@@ -113,7 +113,8 @@ public:
         request.m_resourceBytesPerPixel = static_cast<uint8_t>(m_sourcePixel);
         request.m_processedWidth = geometry.processedWidth;
         request.m_processedHeight = geometry.processedHeight;
-        request.m_downscaleX = request.m_downscaleY = geometry.scale;
+        request.m_downscaleX = geometry.scale;
+        request.m_downscaleY = geometry.scale * 1.5f;
     }
     ~Setting() {
         buffers().m_processedBuffer = {}; // ours, not the decoder's
@@ -141,7 +142,7 @@ public:
                     row = rect.top < 0 || rect.left < 0 ? -1 : row + rect.top;
                     column += rect.left;
                 } else if (m_conversion.walk == Walk::sampled) {
-                    row = sampled(rect.top, y, scale, height);
+                    row = sampled(rect.top, y, scale * 1.5f, height);
                     column = sampled(rect.left, x, scale, width);
                 }
                 if (row < 0 || row >= height || column >= width)

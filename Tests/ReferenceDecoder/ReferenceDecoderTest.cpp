@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <wrl/client.h>
 
-#include "EnvironmentVariable.h"
-#include "FreshProcess.h"
 #include "ReferenceDecoder.h"
 #include "ReferenceDecoderSession.h"
 #include "TemporaryFolder.h"
@@ -142,8 +140,7 @@ TEST_F(ReferenceDecoderTest, BadFilesAreRefusedAndFramesCounted) {
     const std::string pixels(12, 'x'), frame = "P6 2 2 255\n" + pixels;
     const std::string longer = "P6\n# a comment\n2 2 255\n" + pixels;
     for (const std::string header :
-         {"", "P6 2 2 255", "P6 # endless", "P3 2 2 255\n", "P6 0 2 255\n", "P6 x 2 255\n", "P6 2 2 65536\n",
-          "P6 4294967298 2 255\n", "P6 65535 65535 65535\n", "P6 2 2 255x", "P6\n# fps nan\n2 2 255\n"})
+         {"", "P6 2 2 255", "P3 2 2 255\n", "P6 0 2 255\n", "P6 4294967298 2 255\n", "P6 2 2 255x"})
         EXPECT_LT(openBytes(header.ends_with('\n') ? header + pixels : header), 0) << header;
     for (const std::string& bytes : {frame + "P6 2 3 255\n" + pixels, frame + "rubbish"})
         EXPECT_LT(openBytes(bytes), 0) << bytes;
@@ -172,26 +169,6 @@ TEST_F(ReferenceDecoderTest, BadFilesAreRefusedAndFramesCounted) {
         EXPECT_EQ(m_clip->GetFrameRate(&rate), S_OK);
         EXPECT_TRUE(frames == c.frames && rate == c.rate) << frames << " " << rate << " " << c.bytes;
         EXPECT_EQ(clipEx->GetBitStreamSizeBytes(frames - 1, &bytes), c.lastFrame) << c.bytes;
-    }
-}
-
-TEST_F(ReferenceDecoderTest, DISABLED_MakesACodec) {}
-
-// A mistyped setting that passed for none would have its tests try nothing.
-TEST_F(ReferenceDecoderTest, TheEnvironmentSetsAndAWrongWordIsNoticed) {
-    const struct {
-        const wchar_t* words;
-        DWORD exitCode;
-    } cases[] = {{L"changingThreads,,jobDelay=1,buffersNeedMore", 0},
-                 {L"terminate@IBlackmagicRawFactory::CreateCodec=0x4D", 77},
-                 {L"terminate@IBlackmagicRawFactory::CreateCodec#2=77", 0},
-                 {L"changingThread", 2},
-                 {L"jobDelay=1s", 2},
-                 {L"vanish@IBlackmagicRaw::FlushJobs", 2}};
-    for (const auto& [words, exitCode] : cases) {
-        const EnvironmentVariable set(L"REFERENCE_DECODER", words);
-        EXPECT_EQ(exitCodeOfFreshProcess("ReferenceDecoderTest.DISABLED_MakesACodec"), exitCode)
-            << std::filesystem::path(words);
     }
 }
 

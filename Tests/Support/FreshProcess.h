@@ -23,16 +23,11 @@ inline PROCESS_INFORMATION startFreshProcess(const std::string& test) {
     return process;
 }
 
-/// Runs it and gives the exit code: 0 when it passed, STILL_ACTIVE when it ran on and was ended.
-inline DWORD exitCodeOfFreshProcess(const std::string& test, DWORD milliseconds = INFINITE) {
+/// Runs it and gives the exit code: 0 when it passed.
+inline DWORD exitCodeOfFreshProcess(const std::string& test) {
     const PROCESS_INFORMATION process = startFreshProcess(test);
-    if (process.hProcess == nullptr)
-        return 1;
-    if (WaitForSingleObject(process.hProcess, milliseconds) != WAIT_OBJECT_0) {
-        TerminateProcess(process.hProcess, STILL_ACTIVE);
-        WaitForSingleObject(process.hProcess, INFINITE);
-    }
     DWORD exitCode = 1;
+    WaitForSingleObject(process.hProcess, INFINITE);
     GetExitCodeProcess(process.hProcess, &exitCode);
     CloseHandle(process.hThread);
     CloseHandle(process.hProcess);

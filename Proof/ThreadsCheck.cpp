@@ -1,5 +1,4 @@
-// Everything at once: thumbnails from many apartments, factories that come and go, and the library itself
-// too.
+// Everything at once: thumbnails from many apartments, and the library itself that comes and goes.
 #include <atomic>
 #include <filesystem>
 #include <mutex>
@@ -12,7 +11,6 @@
 #include "Proof.h"
 #include "Scenario.h"
 
-using Microsoft::WRL::ComPtr;
 namespace fs = std::filesystem;
 
 namespace {
@@ -88,26 +86,6 @@ private:
             Sleep(1);
     }
 
-    void playWithFactories(Random& random) {
-        const HMODULE module = LoadLibraryExW(m_path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
-        const auto getClassObject = exportOf<decltype(&DllGetClassObject)>(module, "DllGetClassObject");
-        const auto canUnloadNow = exportOf<decltype(&DllCanUnloadNow)>(module, "DllCanUnloadNow");
-        for (uint32_t i = 0; i < 20 * m_rounds; ++i) {
-            ComPtr<IClassFactory> factory;
-            ComPtr<IInitializeWithFile> file;
-            const bool isMade = getClassObject(CLSID_ClipforgeThumbnails, IID_PPV_ARGS(&factory)) == S_OK &&
-                                factory->LockServer(TRUE) == S_OK &&
-                                factory->CreateInstance(nullptr, IID_PPV_ARGS(&file)) == S_OK;
-            if (isMade && random() % 2 != 0)
-                file->Initialize(anyQuestion(random).clip.c_str(), STGM_READ);
-            const bool isUnlocked = isMade && factory->LockServer(FALSE) == S_OK;
-            factory.Reset();
-            const bool stays = canUnloadNow() == S_FALSE; // the object is still there
-            count("a factory", isUnlocked && stays ? "" : isMade ? "unlocks too much" : "makes nothing");
-        }
-        FreeLibrary(module);
-    }
-
     /// Loads the handler, asks, and unloads it: the only user of its copy, so that it truly goes each time.
     void comeAndGo(Random& random) {
         for (uint32_t i = 0; i < m_rounds; ++i) {
@@ -133,8 +111,7 @@ private:
     void runThreads(uint32_t rounds) {
         // The class belongs in single-threaded apartments, where COM lets a library go as soon as it can.
         using Role = void (Work::*)(Random&);
-        static constexpr Role special[] = {&Work::askRegistered, &Work::comeAndGo, &Work::playWithFactories,
-                                           &Work::playWithFactories};
+        static constexpr Role special[] = {&Work::askRegistered, &Work::comeAndGo};
         m_rounds = rounds;
         std::vector<std::thread> threads;
         for (uint32_t i = 0; i < threadCount; ++i)
@@ -164,6 +141,6 @@ void tryThreads(ProofForm form, ProofTally& tally) {
     Work(tally).run(form == ProofForm::full ? 500 : 25);
 }
 
-PROOF_CHECK("threads", "16 threads: thumbnails, factories, loading and unloading", tryThreads);
+PROOF_CHECK("threads", "16 threads: thumbnails, loading and unloading", tryThreads);
 
 } // namespace

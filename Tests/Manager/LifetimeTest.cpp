@@ -22,6 +22,21 @@ protected:
     }
 };
 
+TEST_F(LifetimeTest, FlushThatDoesNotFlushIsNotTrusted) {
+    for (const Kind kind : {Kind::fail, Kind::succeedEmpty}) {
+        m_request = makeRequest(*start());
+        const LogSession log(vdLogLevel::error);
+        arm("::FlushJobs", 1, kind);
+        m_decoder.setJobDelay(30);
+        ASSERT_EQ(m_manager->AddProcessFrameAsync(m_request), 0);
+        m_manager->Release();
+        EXPECT_TRUE(m_request->m_isCancelled);
+        EXPECT_EQ(m_decoder.account().jobsSubmitted, 1) << "no further job after the cancellation";
+        EXPECT_EQ(log.lines().back().find("stays loaded for good") != std::string::npos,
+                  kind == Kind::succeedEmpty);
+    }
+}
+
 TEST_F(LifetimeTest, DISABLED_JobThatOutlastsTheManager) {
     const LogSession log(vdLogLevel::error);
     arm("::FlushJobs", 0);
@@ -31,9 +46,12 @@ TEST_F(LifetimeTest, DISABLED_JobThatOutlastsTheManager) {
     const std::weak_ptr<TestRequest> watched = request;
     m_manager->ProcessFrameSync(std::exchange(request, nullptr));
     EXPECT_EQ(m_manager->initFromFramework(blackmagicRawPipelineCPU, false), 0);
+    IBlackmagicRawFactory* const factory = m_manager->m_instance->factory;
+    factory->AddRef();
     m_manager->Release(); // of the next codec, which has no jobs
     m_manager.reset();
     EXPECT_FALSE(watched.expired()) << "its job is still running";
+    EXPECT_EQ(factory->Release(), 1u) << "and may use what the library gave";
     EXPECT_GT(m_decoder.account().liveResources, 0);
     EXPECT_TRUE(std::ranges::any_of(log.lines(), [](const std::string& line) {
         return line.find("initFromFramework|A job does not end") != std::string::npos;
@@ -135,6 +153,10 @@ TEST_F(LifetimeTest, EndsOnceWhateverComesAfterIt) {
             request->m_mutex.lock();
             request->m_isCancelled = isCancelled;
             request->failAndUnlock(brErrorDelivery, S_OK, "first");
+            std::shared_ptr<vdBRAW_Request> found;
+            bool isRunning = true;
+            m_manager->FindInQueue(request, found, isRunning);
+            EXPECT_TRUE(found && !isRunning && request->m_clipInUse) << "by its job";
             EXPECT_EQ(m_manager->FlushQueue(), 0);
             EXPECT_EQ(request->m_errorMessage, "(12) first");
             EXPECT_TRUE(request->failed == 1 && request->told == 1);

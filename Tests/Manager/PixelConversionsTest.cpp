@@ -75,6 +75,7 @@ constexpr struct Geometry {
     {"left of the picture", 19, 9, {-1, 0, 3, 4}},
     {"above the picture", 19, 9, {0, -1, 4, 3}, 0, true},
     {"final image larger", 8, 5, {0, 0, 11, 9}, 0, false, 0.5f},
+    {"one to one", 19, 9, {2, 1, 11, 6}, 0, false, 1},
     {"final image smaller", 23, 11, {0, 0, 8, 4}, 0, true, 2.7f},
     {"rows too short", 16, 6, {0, 0, 16, 6}, -3},
 };

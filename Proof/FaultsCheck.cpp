@@ -1,6 +1,5 @@
 // The decoder library misbehaves at every single call that crosses its border, once, in every way it can.
 #include <algorithm>
-#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -51,8 +50,8 @@ bool applies(const FaultRow& row, std::string_view call) {
 /// nowhere else.
 struct PictureShaper {
     const char* call;
-    std::string_view scenarios = ""; ///< the names of those in which it is; none for all
-    bool mayFail = false;            ///< its failure is not missed either
+    std::string_view scenario = ""; ///< the only one in which it is; none for all
+    bool mayFail = false;           ///< its failure is not missed either
 };
 constexpr PictureShaper pictureShapers[] = {
     {"IBlackmagicRawClip::GetFrameCount"}, // a clip without frames is answered with a transparent picture
@@ -61,27 +60,22 @@ constexpr PictureShaper pictureShapers[] = {
     {"IBlackmagicRawClipResolutions::GetResolutionCount"}, // fewer to choose from
     {"IBlackmagicRawClipGeometry::SetVerticalFlip", "", true},
     // Where the picture has another size than the image, the image's own is all there is to go by.
-    {"IBlackmagicRawProcessedImage::GetWidth", "thumbnail 200, core"},
-    {"IBlackmagicRawProcessedImage::GetHeight", "thumbnail 200, core"},
-    {"IBlackmagicRawProcessedImage::GetResourceSizeBytes", "core"},
-    {"IBlackmagicRawManualDecoderFlow2::GetDecodedSizeBytes", "core"}, // how much goes to the device
-    {"IBlackmagicRawResourceManager::CopyResource", "core"},
+    {"IBlackmagicRawProcessedImage::GetWidth", "thumbnail 200"},
+    {"IBlackmagicRawProcessedImage::GetHeight", "thumbnail 200"},
 };
 
 Expected expectedOf(const FaultRow& row, const std::string& call, const std::string& scenario) {
     if (row.kind == Kind::delay)
         return Expected::picture;
     const bool bends = std::ranges::any_of(pictureShapers, [&](const PictureShaper& shaper) {
-        return call == shaper.call &&
-               (shaper.scenarios.empty() || shaper.scenarios.find(scenario) != scenario.npos) &&
+        return call == shaper.call && (shaper.scenario.empty() || shaper.scenario == scenario) &&
                (row.kind != Kind::fail || shaper.mayFail);
     });
     return bends ? Expected::anythingBounded : Expected::rightIfAny;
 }
 
-std::unique_ptr<Scenario> (*const scenarioMakers[])() = {[] { return makeThumbnailScenario(); },
-                                                         [] { return makeThumbnailScenario({.size = 200}); },
-                                                         makeCoreScenario};
+/// Within the clip, and above.
+constexpr UINT sizes[] = {64, 200};
 
 /// A job whose completion never comes may still be running, for all that anybody can tell.
 bool leavesJobRunning(const ReferenceDecoderFault& fault) {
@@ -98,7 +92,7 @@ bool neverFlushes(const ReferenceDecoderFault& fault) {
 /// In a process of its own: what may still be used stays, so the next picture comes with it in the way.
 std::string tryLastingFault(const std::vector<std::string>& arguments) {
     const auto number = [&](size_t i) { return static_cast<uint32_t>(std::stoul(arguments[i])); };
-    auto scenario = scenarioMakers[number(0)]();
+    auto scenario = makeThumbnailScenario({.size = number(0)});
     const ReferenceDecoderFault fault{arguments[1], number(2), static_cast<Kind>(number(3)), E_FAIL};
     if (const std::string trouble = scenario->troubleInGoodRun(); !trouble.empty())
         return "without the fault: " + trouble;
@@ -118,8 +112,7 @@ std::string tryLastingFault(const std::vector<std::string>& arguments) {
     std::string trouble = next.trouble.empty() ? outcome.trouble : next.trouble;
     if (trouble.empty())
         trouble = scenario->pictureTrouble(next, Expected::picture);
-    const bool stays =
-        scenario->name().starts_with("thumbnail") && (leavesJobRunning(fault) || fault.kind == Kind::fail);
+    const bool stays = leavesJobRunning(fault) || fault.kind == Kind::fail;
     scenario.reset(); // unloads the handler, as far as it goes
     for (const wchar_t* name : {L"BlackmagicRawAPI.dll", L"Clipforge_Thumbnails.dll"})
         if (stays && trouble.empty() && GetModuleHandleW(name) == nullptr)
@@ -129,10 +122,10 @@ std::string tryLastingFault(const std::vector<std::string>& arguments) {
 const ProofChild lastingFault{"lasting fault", tryLastingFault};
 const ProofEntry lastingFaultEntry(lastingFault);
 
-/// A kind of decoder, asked by the number of its road.
+/// A size that is asked for, of a kind of decoder.
 struct Road {
-    size_t number;
-    std::unique_ptr<Scenario> scenario = scenarioMakers[number]();
+    UINT size;
+    std::unique_ptr<Scenario> scenario = makeThumbnailScenario({.size = size});
     ReferenceDecoderManners manners = ReferenceDecoderManners::none;
 };
 
@@ -148,7 +141,7 @@ void tryFault(const Road& road, ProofTally& tally, const std::string& what,
     tally.attempt(scenario.name() + ", " + title, [&] {
         if (lasts(fault))
             return troubleInChild(
-                lastingFault, {std::to_string(road.number), fault.name, std::to_string(fault.occurrence),
+                lastingFault, {std::to_string(road.size), fault.name, std::to_string(fault.occurrence),
                                std::to_string(static_cast<uint32_t>(fault.kind)), std::to_string(jobDelay),
                                std::to_string(static_cast<uint32_t>(road.manners))});
         const ScenarioOutcome outcome = scenario.run({fault}, jobDelay);
@@ -170,7 +163,7 @@ void tryEveryCall(const Road& road, ProofForm form, ProofTally& tally) {
     size_t number = 0;
     for (const FaultRow& row : rows)
         for (const ReferenceDecoderCall& call : calls) {
-            const bool isWhole = form == ProofForm::full || (road.number == 0 && row.isInBrief);
+            const bool isWhole = form == ProofForm::full || (road.size == sizes[0] && row.isInBrief);
             if (!applies(row, call.name) || (!isWhole && number++ % sample != 0))
                 continue;
             const ReferenceDecoderFault fault{call.name, call.occurrence, row.kind, row.value};
@@ -180,8 +173,8 @@ void tryEveryCall(const Road& road, ProofForm form, ProofTally& tally) {
 }
 
 void run(ProofForm form, ProofTally& tally) {
-    for (size_t i = 0; i < std::size(scenarioMakers); ++i)
-        tryEveryCall(Road{i}, form, tally);
+    for (const UINT size : sizes)
+        tryEveryCall(Road{size}, form, tally);
 }
 
 /// Decoders that own, count, wait and thread otherwise than ours, each with what leaves a request unfinished:
@@ -217,8 +210,8 @@ void tryManners(ProofForm form, ProofTally& tally) {
         {"IBlackmagicRawCallback::ReadComplete", 1, Kind::fail, E_FAIL},
     };
     const bool isFull = form == ProofForm::full;
-    for (size_t i = 0; i < std::size(scenarioMakers); ++i) {
-        Road road{i};
+    for (const UINT size : sizes) {
+        Road road{size};
         for (const auto& [what, manners] : all) {
             road.manners = manners;
             road.scenario->setManners(manners);
@@ -227,7 +220,7 @@ void tryManners(ProofForm form, ProofTally& tally) {
             for (const ReferenceDecoderFault& fault : faults)
                 for (const uint32_t jobDelay : {10u, 1u, 60u}) {
                     const bool isRare = lasts(fault) && manners != Manners::none && manners != worst;
-                    if (isFull ? !isRare : !isRare && i == 0 && jobDelay == 10)
+                    if (isFull ? !isRare : !isRare && size == sizes[0] && jobDelay == 10)
                         tryFault(road, tally, what, fault, Expected::rightIfAny, jobDelay);
                 }
         }

@@ -145,8 +145,11 @@ HRESULT ScenarioOutcome::result() const {
     return S_OK;
 }
 
-Scenario::Scenario(std::string name, const TestClip& clip) : m_name(std::move(name)) {
+Scenario::Scenario(ThumbnailScenarioSettings settings) : m_settings(std::move(settings)) {
+    const TestClip clip{320, 180};
     writeTestClip(m_clipPath, clip);
+    if (m_settings.size > 45 && m_settings.size <= 90)
+        m_expected = {expectedPicture(clip, 2)};
 }
 
 ScenarioOutcome Scenario::run(const std::vector<ReferenceDecoderFault>& faults,
@@ -155,7 +158,6 @@ ScenarioOutcome Scenario::run(const std::vector<ReferenceDecoderFault>& faults,
     decoder().setGuardResources(true);
     decoder().setJobDelay(jobDelayMilliseconds);
     decoder().setManners(m_manners);
-    prepareDecoder();
     for (const ReferenceDecoderFault& fault : faults)
         decoder().arm(fault);
     ScenarioOutcome outcome;
@@ -208,44 +210,26 @@ std::string Scenario::orTroubleInNextRun(const std::string& trouble) {
     return next.empty() ? trouble : "the next one, without the fault: " + next;
 }
 
-namespace {
-
-class ThumbnailScenario final : public Scenario {
-public:
-    explicit ThumbnailScenario(const ThumbnailScenarioSettings& settings)
-        : Scenario("thumbnail " + std::to_string(settings.size), clip), m_settings(settings) {
-        if (settings.size > 45 && settings.size <= 90)
-            m_expected = {expectedPicture(clip, 2)};
+void Scenario::work(ScenarioOutcome& outcome) {
+    onStart();
+    if (m_library.module() == nullptr && m_library.load(m_settings.handler) == S_OK) {
+        guardBitmapsOf(m_library.module());
+        m_settings.onLoad(m_library.module());
     }
-
-private:
-    void work(ScenarioOutcome& outcome) override {
-        onStart();
-        if (m_library.module() == nullptr && m_library.load(m_settings.handler) == S_OK) {
-            guardBitmapsOf(m_library.module());
-            m_settings.onLoad(m_library.module());
-        }
-        if (m_library.module() == nullptr) { // a refusal to be loaded, which the shell takes for an answer
-            onEnd();
-            outcome.pictures.emplace_back();
-            return;
-        }
-        outcome.pictures.push_back(
-            takeThumbnail(m_clipPath, m_settings.size, &m_library, outcome.trouble, onEnd));
-        if (m_library.call("DllCanUnloadNow") != S_OK)
-            outcome.trouble = "an object of the handler was not released";
-        else if (m_settings.unloadEachRun &&
-                 (m_library.unload() != S_OK || GetModuleHandleW(m_settings.handler.c_str()) != nullptr))
-            outcome.trouble = "the handler cannot be unloaded";
+    if (m_library.module() == nullptr) { // a refusal to be loaded, which the shell takes for an answer
+        onEnd();
+        outcome.pictures.emplace_back();
+        return;
     }
-
-    static inline const TestClip clip{320, 180};
-    ThumbnailScenarioSettings m_settings;
-    HandlerLibrary m_library;
-};
-
-} // namespace
+    outcome.pictures.push_back(
+        takeThumbnail(m_clipPath, m_settings.size, &m_library, outcome.trouble, onEnd));
+    if (m_library.call("DllCanUnloadNow") != S_OK)
+        outcome.trouble = "an object of the handler was not released";
+    else if (m_settings.unloadEachRun &&
+             (m_library.unload() != S_OK || GetModuleHandleW(m_settings.handler.c_str()) != nullptr))
+        outcome.trouble = "the handler cannot be unloaded";
+}
 
 std::unique_ptr<Scenario> makeThumbnailScenario(const ThumbnailScenarioSettings& settings) {
-    return std::make_unique<ThumbnailScenario>(settings);
+    return std::make_unique<Scenario>(settings);
 }

@@ -1,6 +1,5 @@
-// What the proof asks the products, over and over: for pictures that are known, on two roads that trouble can
-// be sent down, a thumbnail through the handler library and one on which the decode core works in this
-// process. And what may not be left once the answer is there.
+// What the proof asks the products, over and over: for pictures that are known, and for one that trouble can
+// be sent to. And what may not be left once the answer is there.
 #pragma once
 
 #include <cstdint>
@@ -104,11 +103,17 @@ enum class Expected {
     anythingBounded, ///< a failure, or a picture: the decoder lied about what it shows
 };
 
+struct ThumbnailScenarioSettings {
+    std::filesystem::path handler = builtFile("bin");
+    UINT size = 64; ///< above 180 asks for more than the clip has
+    bool unloadEachRun = false;
+    std::function<void(HMODULE)> onLoad = [](HMODULE) {}; ///< called each time that the library was loaded
+};
+
+/// A thumbnail through the handler library, by COM's rules.
 class Scenario {
 public:
-    virtual ~Scenario() = default;
-    Scenario(const Scenario&) = delete;
-    Scenario& operator=(const Scenario&) = delete;
+    explicit Scenario(ThumbnailScenarioSettings settings);
 
     const std::string& name() const { return m_name; }
     ReferenceDecoderSession& decoder() { return m_leftovers.decoder(); }
@@ -135,27 +140,17 @@ public:
     /// Called right before and right after the product's own work of a run.
     std::function<void()> onStart = [] {}, onEnd = [] {};
 
-protected:
-    explicit Scenario(std::string name, const TestClip& clip);
-    virtual void work(ScenarioOutcome& outcome) = 0;
-    virtual void prepareDecoder() {}
+private:
+    void work(ScenarioOutcome& outcome);
 
-    std::string m_name;
+    ThumbnailScenarioSettings m_settings;
+    std::string m_name = "thumbnail " + std::to_string(m_settings.size);
     TemporaryFolder m_folder;
     std::filesystem::path m_clipPath = (m_folder.path() / "clip.braw").make_preferred();
     Leftovers m_leftovers;
     ReferenceDecoderManners m_manners = ReferenceDecoderManners::none;
     std::vector<std::vector<uint8_t>> m_expected; ///< of a good run; learnt from the first when empty
+    HandlerLibrary m_library;
 };
 
-struct ThumbnailScenarioSettings {
-    std::filesystem::path handler = builtFile("bin");
-    UINT size = 64;
-    bool unloadEachRun = false;
-    std::function<void(HMODULE)> onLoad = [](HMODULE) {}; ///< called each time that the library was loaded
-};
-/// The handler library by COM's rules. A size above 180 asks for more than the clip has.
 std::unique_ptr<Scenario> makeThumbnailScenario(const ThumbnailScenarioSettings& settings = {});
-/// The decode core with a GPU pipeline and custom settings throughout, on a clip with a LUT, into memory of a
-/// host's: a plain and a converted picture.
-std::unique_ptr<Scenario> makeCoreScenario();

@@ -65,12 +65,14 @@ TEST_F(ManagerTest, InitFailsAtEachInterfaceThatItNeeds) {
             if (kind == Kind::succeedEmpty && std::string_view(call) == "::SetCallback")
                 continue; // gives nothing that could be empty
             SCOPED_TRACE(std::string(call) + (kind == Kind::fail ? " fails" : " gives nothing"));
-            arm(call, occurrence, kind, strangeFailure);
-            vdBRAW_Manager manager;
-            EXPECT_EQ(manager.init(makeInstance()), *errorInfo ? 1 : 0);
-            EXPECT_EQ(manager.m_errorInfo.text(), errorInfo);
-            EXPECT_EQ(m_decoder.account().faultsFired, 1);
-            EXPECT_EQ(manager.Release(), 0);
+            for (const bool useGpu : {false, true}) {
+                arm(call, occurrence, kind, strangeFailure);
+                vdBRAW_Manager manager;
+                EXPECT_EQ(manager.init(makeInstance(useGpu)), *errorInfo ? 1 : 0);
+                EXPECT_EQ(manager.m_errorInfo.text(), errorInfo);
+                EXPECT_EQ(m_decoder.account().faultsFired, 1);
+                EXPECT_EQ(manager.Release(), 0);
+            }
         }
 }
 

@@ -4,6 +4,8 @@
 #include <span>
 
 #include "LogSession.h"
+#include "ProofAllocator.h"
+#include "Utils/vdGuard.h"
 #include "Utils/vdResult.h"
 
 namespace {
@@ -56,6 +58,14 @@ protected:
                       "(" + std::to_string(code) + ") " + message + (value == E_ACCESSDENIED ? denied : ""));
             EXPECT_TRUE(request->m_isFinished && request->failed == 1 && request->told == 1 &&
                         !request->delivered);
+            // Whatever else it may be told: it ends, and nothing is lost.
+            for (const Kind lie : {Kind::succeedEmpty, Kind::oneLess, Kind::allOnes, Kind::zero}) {
+                if (lie == Kind::succeedEmpty && call.starts_with(job))
+                    continue; // its completion never comes, or tells nobody
+                arm(call, occurrence, lie);
+                EXPECT_TRUE(run(*clip)->m_isFinished);
+                EXPECT_TRUE(m_decoder.account().isSound());
+            }
         }
     }
 
@@ -164,6 +174,29 @@ TEST_F(StagesTest, RequestOnAGpuFailsWithTheCodeOfItsStage) {
         {job + "Submit", 3, 11, "Impossible to Submit processJob ! "},
     };
     expectFaults(true, faults);
+}
+
+TEST_F(StagesTest, EachAllocationFailsOnce) {
+    for (const bool isGpu : {false, true}) {
+        auto clip = start(isGpu);
+        int64_t number = 0;
+        do {
+            programAllocator().failures = 0;
+            programAllocator().countdown = ++number;
+            std::shared_ptr<TestRequest> request;
+            guardBoundary([&] {
+                request = run(*clip);
+                return S_OK;
+            });
+            programAllocator().countdown = 0;
+            EXPECT_TRUE(!request || !request->m_isSubmitted || request->m_isFinished) << number;
+            EXPECT_EQ(m_manager->FlushQueue(), 0);
+        } while (programAllocator().failures > 0);
+        EXPECT_GT(number, 20);
+        const auto request = run(*clip);
+        EXPECT_EQ(request->m_errorMessage, "");
+        EXPECT_EQ(request.use_count(), 1);
+    }
 }
 
 TEST_F(StagesTest, BuffersAreReplacedOnlyWhenTooSmall) {

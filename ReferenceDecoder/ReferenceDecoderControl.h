@@ -113,8 +113,8 @@ struct ReferenceDecoderControl {
         uint32_t code;
         uint32_t type; ///< VARTYPE
         double number;
-        wchar_t text[64];
-        int32_t result; ///< HRESULT given
+        wchar_t text[80]; ///< its beginning
+        int32_t result;   ///< HRESULT given
     };
 
     /// How an attribute behaves where it shall not behave as usual.

@@ -111,8 +111,7 @@ TEST_F(AttributesSetterTest, TextsEndWithTheirField) {
     fill(settings.lutMode, std::string(12, 'l'));
     settings.gamutCompression = true;
     EXPECT_FALSE(applyClipSettings(m_clip.Get(), settings).failed);
-    EXPECT_NE(sent().find("|gamt:8=" + std::string(63, 'g') + "|"), std::string::npos)
-        << sent(); // records 63
+    EXPECT_NE(sent().find("|gamt:8=" + std::string(64, 'g') + "|"), std::string::npos) << sent();
     EXPECT_NE(sent().find("|lutm:8=llllllllllll|"), std::string::npos) << sent();
 }
 
@@ -130,6 +129,7 @@ TEST_F(AttributesSetterTest, ReadOnlyRefusalsPassAndOthersEndTheApplier) {
         {{blackmagicRawClipGamut, refused, unknown, 0, 1}, "Gamut", End::passed},
         {{blackmagicRawClipGamut, S_FALSE, unknown, 0, 1}, "Gamut", End::passed},
         {{blackmagicRawClipGamma, refused, unknown, 0, 0}, "Gamma", End::failed},
+        {{blackmagicRawClipGamma, refused, unknown, S_FALSE, 1}, "Gamma", End::failedAsNothingIsTold},
         {{blackmagicRawClipHighlightRecovery, refused, unknown, unknown, 1},
          "Highlight Recovery",
          End::failedAsNothingIsTold},

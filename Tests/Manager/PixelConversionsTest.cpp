@@ -170,7 +170,8 @@ private:
         // Opaque, since some conversions carry a pixel's alpha over to its neighbour; and with both ends of
         // the 16-bit range in it.
         const size_t alpha = m_sourcePixel / 4;
-        for (size_t end = m_sourcePixel; alpha <= 2 && end <= m_source.size(); end += m_sourcePixel)
+        const bool isOpaque = alpha <= 2 && m_conversion.pixel != Pixel::bgra16;
+        for (size_t end = m_sourcePixel; isOpaque && end <= m_source.size(); end += m_sourcePixel)
             std::memset(&m_source[end - alpha], 255, alpha);
         constexpr uint16_t ends[] = {65535, 65534, 1};
         if (alpha == 2)

@@ -101,7 +101,7 @@ std::string tryLastingFault(const std::vector<std::string>& arguments) {
     ReferenceDecoderAccount account = scenario->decoder().account();
     if (account.faultsFired == 0)
         return "the fault was never reached";
-    if (leavesJobRunning(fault) && outcome.result() == S_OK)
+    if (leavesJobRunning(fault) && outcome.result == S_OK)
         return "a picture of a job that has not ended";
     if (leavesJobRunning(fault) != (account.liveResources > 0))
         return "the memory of " + std::to_string(account.liveResources) + " resources is still there";

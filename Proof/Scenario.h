@@ -83,17 +83,10 @@ private:
     std::optional<std::wstring> m_before;
 };
 
-/// One of the pictures that a run shall give.
-struct ScenarioPicture {
-    HRESULT result = E_FAIL;
-    std::vector<uint8_t> pixels; ///< as the scenario's pictures are stored; empty unless the result is S_OK
-};
-
 struct ScenarioOutcome {
-    std::vector<ScenarioPicture> pictures;
-    std::string trouble; ///< a breach that only the run itself could see
-    /// The first failure among the pictures, else S_OK.
-    HRESULT result() const;
+    HRESULT result = E_FAIL;
+    std::vector<uint8_t> pixels; ///< as expectedPicture's; empty unless the result is S_OK
+    std::string trouble;         ///< a breach that only the run itself could see
 };
 
 /// What a run is to give.
@@ -124,7 +117,7 @@ public:
                         uint32_t jobDelayMilliseconds = 0);
     /// What is not as it must be after that run; empty when all is well.
     std::string troubleAfter(const ScenarioOutcome& outcome, Expected expected) const;
-    /// The pictures' part of that.
+    /// The picture's part of that.
     std::string pictureTrouble(const ScenarioOutcome& outcome, Expected expected) const;
     /// To be called first after a run in which the decoder refused to take a resource back: it, and no other,
     /// is still out, and is forgotten.
@@ -141,7 +134,7 @@ public:
     std::function<void()> onStart = [] {}, onEnd = [] {};
 
 private:
-    void work(ScenarioOutcome& outcome);
+    ScenarioOutcome ask();
 
     ThumbnailScenarioSettings m_settings;
     std::string m_name = "thumbnail " + std::to_string(m_settings.size);
@@ -149,7 +142,7 @@ private:
     std::filesystem::path m_clipPath = (m_folder.path() / "clip.braw").make_preferred();
     Leftovers m_leftovers;
     ReferenceDecoderManners m_manners = ReferenceDecoderManners::none;
-    std::vector<std::vector<uint8_t>> m_expected; ///< of a good run; learnt from the first when empty
+    std::vector<uint8_t> m_expected; ///< of a good run; learnt from the first when empty
     HandlerLibrary m_library;
 };
 

@@ -133,7 +133,7 @@ std::string Road::troubleAtCall(int64_t number, bool& reached) {
     const bool mustBeQuiet = std::ranges::find(quietOnes, m_row->name) != std::end(quietOnes);
     std::string trouble =
         m_scenario->troubleAfter(outcome, reached ? Expected::rightIfAny : Expected::picture);
-    const HRESULT result = outcome.result();
+    const HRESULT result = outcome.result;
     if (trouble.empty() && result != S_OK && std::ranges::find(m_row->results, result) == m_row->results + 2)
         trouble = "gave " + resultText(result);
     if (trouble.empty() && mustBeQuiet && g_tap.mayAsk)

@@ -93,6 +93,7 @@ void soak(ProofForm form, ProofTally& tally) {
     constexpr uint32_t settled = 100, questionsPerThread = 10, questionsPerLoad = 25, mostStretches = 9;
     const uint32_t stretch = form == ProofForm::full ? 4900 : 300;
     const std::wstring path = builtFile("bin");
+    LoadLibraryW(L"oleaut32.dll"); // as any host has it; Wine's own keeps some blocks each time that it goes
     const KnownQuestions questions;
     Leftovers leftovers;
     HandlerLibrary library;

@@ -251,6 +251,9 @@ TEST_F(Doctor, TheDecoderIsTakenFromItsMakersSoftware) {
     std::filesystem::rename(inside(BlackmagicRawAPIFileName), makers / BlackmagicRawAPIFileName);
     m_clip.clear();
     expectFault(L"decoder-missing");
+    const std::wstring folder = m_folder.path().wstring();
+    const std::wstring_view looking[] = {L"--json", L"--folder", folder};
+    EXPECT_EQ(EXIT_FAILED, runDoctor(looking)) << "mended without being told to";
     EXPECT_EQ(EXIT_DONE, fix());
 }
 

@@ -55,13 +55,14 @@ protected:
         return reinterpret_cast<UINT(WINAPI*)(MSIHANDLE)>(
             reinterpret_cast<void*>(GetProcAddress(m_module, action)))(0);
     }
-    enum Outcome { done, told, failed };
-    /// A changing action with its plan; a failure has to be told, too.
+    enum Outcome { done, told, failed, failedSilently };
+    /// A changing action with its plan.
     Outcome change(const char* action, const std::wstring& plan) const {
         g_properties[L"CustomActionData"] = plan;
         g_said.clear();
-        const bool isDone = call(action) == ERROR_SUCCESS;
-        return isDone && g_said.empty() ? done : isDone ? told : failed;
+        if (call(action) == ERROR_SUCCESS)
+            return g_said.empty() ? done : told;
+        return g_said.empty() ? failedSilently : failed;
     }
     static void writeDecoder(const std::wstring& folder) {
         writeFileBytes(folder + L"BlackmagicRawAPI.dll", "");
@@ -159,6 +160,10 @@ TEST_F(SetupActions, ChangesAndUndoes) {
     EXPECT_TRUE(hasDecoder(m_old)) << "in use";
     EXPECT_EQ(done, change("UnregisterHandler", L"user|" + m_old + L"|"));
     EXPECT_EQ(L"", registered());
+    change("RegisterHandler", L"user|" + m_old + L"|");
+    RegDeleteTreeW(HKEY_CURRENT_USER, L"Software\\Classes\\CLSID");
+    EXPECT_EQ(done, change("UnregisterHandler", L"user|" + m_old + L"|"));
+    EXPECT_NE(ERROR_SUCCESS, RegDeleteTreeW(HKEY_CURRENT_USER, L"Software\\Verdane")) << "half of it";
     EXPECT_EQ(done, change("DropDecoder", L"user|" + m_old + L"|"));
     EXPECT_FALSE(std::filesystem::exists(m_old));
     g_installed = m_new + L"Clipforge_Guard.dll";

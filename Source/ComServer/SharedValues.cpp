@@ -217,7 +217,10 @@ LSTATUS restore(HKEY root, HKEY memory) {
     const std::wstring name = readText(memory, valueName);
     const wchar_t* const value = named ? name.c_str() : nullptr;
     const std::optional<RawValue> now = current(root, path, value);
-    if (path.empty() || !now || now != readValue(memory, oursName))
+    const std::optional<RawValue> ours = readValue(memory, oursName);
+    if (ours && !now) // the key was made, and writing into it failed
+        deleteEmptyKeys(root, path, readNumber(memory, levelsName));
+    if (path.empty() || !now || now != ours)
         return ERROR_SUCCESS; // somebody else's by now
 
     OpenKey key;

@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <shlobj.h>
+
+#include "Imports.h"
 #include "StandInRegistry.h"
 
 namespace {
@@ -89,6 +92,16 @@ const struct {
      [](HKEY root) { StandInRegistry::setText(root, L"Software\\Verdane\\Clipforge", L"x", L"y"); }},
 };
 
+int g_notifications = 0, g_writesUntilFailure = 0;
+decltype(&RegSetValueExW) g_setValue;
+
+void WINAPI countNotification(LONG, UINT, LPCVOID, LPCVOID) {
+    ++g_notifications;
+}
+LSTATUS WINAPI failToSet(HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size) {
+    return --g_writesUntilFailure == 0 ? ERROR_DISK_FULL : g_setValue(key, name, reserved, type, data, size);
+}
+
 class HandlerRegistration : public testing::TestWithParam<Scope> {
 protected:
     const StandInRegistry m_registry;
@@ -116,6 +129,23 @@ TEST_P(HandlerRegistration, LeavesEverythingAsItWas) {
         EXPECT_EQ(S_OK, unregisterHandler(GetParam()));
         EXPECT_EQ(before, photograph());
     }
+}
+
+TEST_P(HandlerRegistration, WhatFailsIsUndoneAndTheShellIsToldOfAll) {
+    const ReplacedImport notify("SHChangeNotify", &countNotification);
+    const ReplacedImport set("RegSetValueExW", &failToSet);
+    g_setValue = set.former();
+    g_notifications = 0;
+    makeKey(m_root, L"Software");
+    StandInRegistry::setText(m_root, binding, nullptr, L"{11111111-1111-1111-1111-111111111111}");
+    const Picture before = photograph();
+    int tries = 1;
+    for (; g_writesUntilFailure = tries, registerHandler(L"C:\\one\\", GetParam()) != S_OK; ++tries)
+        ASSERT_EQ(before, photograph()) << "write " << tries;
+    EXPECT_LT(30, tries);
+    g_writesUntilFailure = 0;
+    EXPECT_EQ(S_OK, unregisterHandler(GetParam()));
+    EXPECT_EQ(tries + 1, g_notifications);
 }
 
 TEST_P(HandlerRegistration, WhatSomebodyElseWroteMeanwhileStays) {

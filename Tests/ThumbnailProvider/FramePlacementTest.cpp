@@ -47,8 +47,8 @@ TEST(FramePlacement, AnEvenColourStaysExactlyThatColour) {
 TEST(FramePlacement, EnlargingIsBilinearAndShrinkingAveragesAll) {
     // In the middle, and nothing around it is touched.
     EXPECT_EQ((std::vector<uint32_t>{marker, marker, 1, 2, marker, marker}), place({1, 2}, 2, 2, 3));
-    const auto ramp = place({0, 100}, 2, 4, 2); // positions -1/4, 1/4, 3/4, 5/4 between the two
-    EXPECT_EQ((std::vector<uint32_t>{0, 25, 75, 100}), std::vector<uint32_t>(ramp.begin(), ramp.begin() + 4));
+    const auto ramp = place({0, 101}, 2, 4, 2); // positions -1/4, 1/4, 3/4, 5/4 between the two
+    EXPECT_EQ((std::vector<uint32_t>{0, 25, 76, 101}), std::vector<uint32_t>(ramp.begin(), ramp.begin() + 4));
 
     // Every second column white: a filter that takes single pixels shows a pattern instead of an even grey.
     std::vector<uint32_t> stripes(1024 * 8);

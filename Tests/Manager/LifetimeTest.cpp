@@ -156,7 +156,9 @@ TEST_F(LifetimeTest, EndsOnceWhateverComesAfterIt) {
             std::shared_ptr<vdBRAW_Request> found;
             bool isRunning = true;
             m_manager->FindInQueue(request, found, isRunning);
-            EXPECT_TRUE(found && !isRunning && request->m_clipInUse) << "by its job";
+            EXPECT_TRUE(found && !isRunning);
+            const bool isInUse = request->m_clipInUse != nullptr; // by its job, unless that is back already
+            EXPECT_TRUE(isInUse || m_decoder.occurrencesOf("IBlackmagicRawCallback::ReadComplete") > 0);
             EXPECT_EQ(m_manager->FlushQueue(), 0);
             EXPECT_EQ(request->m_errorMessage, "(12) first");
             EXPECT_TRUE(request->failed == 1 && request->told == 1);

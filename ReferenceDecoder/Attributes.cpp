@@ -147,7 +147,7 @@ HRESULT list(std::span<const Attribute> attributes, uint32_t code, VARIANT* arra
     if (!attribute)
         return badArgument();
     const Rule rule = ruleFor(code);
-    if (rule.listResult != S_OK)
+    if (FAILED(rule.listResult))
         return rule.listResult;
     const auto choices = attribute->choices;
     for (uint32_t i = 0; array && i < capacity && i < choices.size(); ++i) {
@@ -156,7 +156,7 @@ HRESULT list(std::span<const Attribute> attributes, uint32_t code, VARIANT* arra
     }
     *elementCount = static_cast<uint32_t>(choices.size());
     *isReadOnly = rule.isReadOnly != 0;
-    return S_OK;
+    return rule.listResult;
 }
 
 /// The LUT on one side.

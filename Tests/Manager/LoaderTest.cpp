@@ -151,4 +151,11 @@ TEST_F(LoaderTest, LooksInItsOwnFolderAndThenInTheHosts) {
               3);
 }
 
+TEST_F(LoaderTest, LibraryWithoutItsEntryPointIsNone) {
+    fs::copy_file(builtFile("cuda/cudart64_110.dll"), m_folder.path() / "BlackmagicRawAPI.dll",
+                  fs::copy_options::overwrite_existing);
+    Instance instance;
+    EXPECT_FALSE(tryToInit(instance) || isLoaded());
+}
+
 } // namespace

@@ -173,63 +173,35 @@ TEST_F(CallsTest, TheWorkerIsQuietAndAtHome) {
     EXPECT_EQ(std::vector<DWORD>{facts.processId}, childProcesses(workerName));
 }
 
-class GuardRegistrationTest : public GuardTest {
-protected:
-    static constexpr wchar_t binding[] =
-        L"SOFTWARE\\Classes\\.braw\\ShellEx\\{e357fccd-a995-4576-b01f-234630154e96}";
-    static constexpr wchar_t guard[] = L"{0c6f4a97-51d2-4e83-a0b9-7be4d25c8a16}";
-
-    static std::wstring text(const std::wstring& key, const wchar_t* value = nullptr) {
-        wchar_t buffer[512] = L"(nothing)";
-        DWORD size = sizeof buffer;
-        RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), value, RRF_RT_REG_SZ, nullptr, buffer, &size);
-        return buffer;
-    }
-    static void bind(const wchar_t* classId) {
-        RegSetKeyValueW(HKEY_LOCAL_MACHINE, binding, nullptr, REG_SZ, classId,
-                        static_cast<DWORD>((std::wcslen(classId) + 1) * sizeof(wchar_t)));
-    }
-    static bool exists(const wchar_t* key) {
-        HKEY opened = nullptr;
-        return RegOpenKeyExW(HKEY_LOCAL_MACHINE, key, 0, KEY_READ, &opened) == ERROR_SUCCESS &&
-               RegCloseKey(opened) == ERROR_SUCCESS;
-    }
-};
-
-TEST_F(GuardRegistrationTest, WritesItsRows) {
-    EXPECT_RESULT(S_OK, m_library->call("DllRegisterServer"));
+TEST_F(CallsTest, TheGuardRegistersItselfAndPutsBackWhatWasBound) {
+    const std::wstring binding = L"SOFTWARE\\Classes\\.braw\\ShellEx\\{e357fccd-a995-4576-b01f-234630154e96}";
+    const std::wstring approved = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Shell Extensions\\Approved";
+    constexpr const wchar_t* guard = L"{0c6f4a97-51d2-4e83-a0b9-7be4d25c8a16}";
     const std::wstring key = std::wstring(L"SOFTWARE\\Classes\\CLSID\\") + guard;
-    EXPECT_EQ(L"Clipforge Guarded Thumbnail Handler", text(key));
-    EXPECT_TRUE(std::filesystem::equivalent(inside(L"Clipforge_Guard.dll"), text(key + L"\\InProcServer32")));
-    EXPECT_EQ(L"Apartment", text(key + L"\\InProcServer32", L"ThreadingModel"));
-    DWORD isolation = 0, size = sizeof isolation;
-    RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"DisableProcessIsolation", RRF_RT_REG_DWORD, nullptr,
-                 &isolation, &size);
-    EXPECT_EQ(1u, isolation);
-    EXPECT_EQ(L"Clipforge Guarded Thumbnail Handler",
-              text(L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Shell Extensions\\Approved", guard));
-    EXPECT_EQ(guard, text(binding));
-    EXPECT_EQ(L"(nothing)", text(L"SOFTWARE\\Classes\\.braw")) << "no file type";
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_RESULT(S_OK, m_library->call("DllUnregisterServer"));
-        EXPECT_FALSE(exists(L"SOFTWARE\\Classes\\.braw"));
-        EXPECT_FALSE(exists(key.c_str()));
-        EXPECT_EQ(L"(nothing)",
-                  text(L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Shell Extensions\\Approved", guard));
+    const auto text = [](const std::wstring& name, const wchar_t* value = nullptr) {
+        return StandInRegistry::text(HKEY_LOCAL_MACHINE, name, value);
+    };
+    for (const wchar_t* before : {L"(nothing)", L"{another}"}) {
+        if (*before == L'{')
+            StandInRegistry::setText(HKEY_LOCAL_MACHINE, binding, nullptr, before);
+        for (int i = 0; i < 2; ++i)
+            EXPECT_RESULT(S_OK, m_library->call("DllRegisterServer"));
+        EXPECT_EQ(guard, text(binding));
+        EXPECT_EQ(L"Clipforge Guarded Thumbnail Handler", text(key));
+        EXPECT_EQ(L"Clipforge Guarded Thumbnail Handler", text(approved, guard));
+        EXPECT_TRUE(
+            std::filesystem::equivalent(inside(L"Clipforge_Guard.dll"), text(key + L"\\InProcServer32")));
+        EXPECT_EQ(L"Apartment", text(key + L"\\InProcServer32", L"ThreadingModel"));
+        DWORD isolation = 0, size = sizeof isolation;
+        RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"DisableProcessIsolation", RRF_RT_REG_DWORD, nullptr,
+                     &isolation, &size);
+        EXPECT_EQ(1u, isolation);
+        EXPECT_EQ(L"(nothing)", text(L"SOFTWARE\\Classes\\.braw")) << "no file type";
+        for (int i = 0; i < 2; ++i)
+            EXPECT_RESULT(S_OK, m_library->call("DllUnregisterServer"));
+        for (const std::wstring& gone : {text(key), text(approved, guard)})
+            EXPECT_EQ(L"(nothing)", gone);
+        EXPECT_EQ(before, text(binding));
     }
-}
-
-TEST_F(GuardRegistrationTest, PutsBackWhatWasBoundBefore) {
-    bind(L"{another}");
-    for (int i = 0; i < 2; ++i)
-        EXPECT_RESULT(S_OK, m_library->call("DllRegisterServer"));
-    EXPECT_EQ(guard, text(binding));
-    EXPECT_RESULT(S_OK, m_library->call("DllUnregisterServer"));
-    EXPECT_EQ(L"{another}", text(binding));
-
-    EXPECT_RESULT(S_OK, m_library->call("DllRegisterServer"));
-    bind(L"{a third}");
-    EXPECT_RESULT(S_OK, m_library->call("DllUnregisterServer"));
-    EXPECT_EQ(L"{a third}", text(binding)) << "whoever was bound since stays";
 }
 } // namespace

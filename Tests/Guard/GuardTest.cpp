@@ -178,20 +178,6 @@ TEST_F(GuardTest, IdleWorkersGoAndOthersCome) {
     expectPicture();
 }
 
-TEST_F(GuardTest, WorkersGoWithTheLibrary) {
-    for (const bool politely : {true, false}) {
-        expectPicture();
-        EXPECT_TRUE(workersBecome(1));
-        if (politely)
-            m_library->unload();
-        else
-            FreeLibrary(m_library->release());
-        EXPECT_EQ(nullptr, GetModuleHandleW(L"Clipforge_Guard.dll"));
-        EXPECT_TRUE(workersBecome(0));
-        load();
-    }
-}
-
 TEST_F(GuardTest, AnObjectKeepsTheLibraryAndItsWorkers) {
     Microsoft::WRL::ComPtr<IUnknown> object;
     ASSERT_EQ(S_OK, m_library->createHandler(IID_IUnknown, reinterpret_cast<void**>(object.GetAddressOf())));

@@ -57,13 +57,6 @@ void makeKey(HKEY root, const wchar_t* path) {
     RegCloseKey(key);
 }
 
-std::wstring textOf(HKEY root, const wchar_t* path, const wchar_t* name = nullptr) {
-    wchar_t text[512];
-    DWORD size = sizeof text;
-    const LSTATUS status = RegGetValueW(root, path, name, RRF_RT_REG_SZ, nullptr, text, &size);
-    return status == ERROR_SUCCESS ? text : L"(nothing)";
-}
-
 const struct {
     const char* name;
     std::function<void(HKEY)> write;
@@ -120,13 +113,14 @@ TEST_P(HandlerRegistration, LeavesEverythingAsItWas) {
         EXPECT_EQ(type == L"(nothing)" ? L"Clipforge.ThumbnailClip" : type,
                   textOf(m_root, L"Software\\Classes\\.braw"));
         EXPECT_EQ(L"C:\\one\\", registeredFolder(GetParam()));
-        EXPECT_EQ(ourClass, textOf(m_root, binding));
+        EXPECT_EQ(ourClass, StandInRegistry::text(m_root, binding));
         EXPECT_EQ(L"(nothing)",
-                  textOf(m_root, L"Software\\Classes\\Clipforge.ThumbnailClip\\shell\\open\\command"));
+                  StandInRegistry::text(m_root,
+                                        L"Software\\Classes\\Clipforge.ThumbnailClip\\shell\\open\\command"));
         EXPECT_EQ(S_OK, registerHandler(L"C:\\two\\", GetParam())) << "an upgrade";
-        EXPECT_EQ(L"C:\\two\\Clipforge_Guard.dll", textOf(m_root, ourServer));
+        EXPECT_EQ(L"C:\\two\\Clipforge_Guard.dll", StandInRegistry::text(m_root, ourServer));
         EXPECT_EQ(L"C:\\two\\Clipforge_Icon.ico",
-                  textOf(m_root, L"Software\\Classes\\.sidecar\\DefaultIcon"));
+                  StandInRegistry::text(m_root, L"Software\\Classes\\.sidecar\\DefaultIcon"));
         EXPECT_EQ(S_OK, unregisterHandler(GetParam()));
         EXPECT_EQ(before, photograph());
         EXPECT_EQ(S_OK, unregisterHandler(GetParam()));
@@ -154,15 +148,16 @@ TEST_P(HandlerRegistration, WhatFailsIsUndoneAndTheShellIsToldOfAll) {
 TEST_P(HandlerRegistration, WhatSomebodyElseWroteMeanwhileStays) {
     StandInRegistry::setText(m_root, L"Software\\Classes\\.braw2\\DefaultIcon", nullptr, L"other.ico");
     registerHandler(L"C:\\one\\", GetParam());
-    EXPECT_EQ(L"other.ico", textOf(m_root, L"Software\\Classes\\.braw2\\DefaultIcon"));
-    EXPECT_EQ(L"C:\\one\\Clipforge_Icon.ico", textOf(m_root, L"Software\\Classes\\.sidecar\\DefaultIcon"));
+    EXPECT_EQ(L"other.ico", StandInRegistry::text(m_root, L"Software\\Classes\\.braw2\\DefaultIcon"));
+    EXPECT_EQ(L"C:\\one\\Clipforge_Icon.ico",
+              StandInRegistry::text(m_root, L"Software\\Classes\\.sidecar\\DefaultIcon"));
     StandInRegistry::setText(m_root, binding, nullptr, L"{22222222-2222-2222-2222-222222222222}");
     StandInRegistry::setText(m_root, L"Software\\Classes\\.braw", L"PerceivedType", L"video");
     unregisterHandler(GetParam());
-    EXPECT_EQ(L"{22222222-2222-2222-2222-222222222222}", textOf(m_root, binding));
-    EXPECT_EQ(L"video", textOf(m_root, L"Software\\Classes\\.braw", L"PerceivedType"));
-    EXPECT_EQ(L"(nothing)", textOf(m_root, L"Software\\Classes\\.braw"));
-    EXPECT_EQ(L"other.ico", textOf(m_root, L"Software\\Classes\\.braw2\\DefaultIcon"));
+    EXPECT_EQ(L"{22222222-2222-2222-2222-222222222222}", StandInRegistry::text(m_root, binding));
+    EXPECT_EQ(L"video", StandInRegistry::text(m_root, L"Software\\Classes\\.braw", L"PerceivedType"));
+    EXPECT_EQ(L"(nothing)", StandInRegistry::text(m_root, L"Software\\Classes\\.braw"));
+    EXPECT_EQ(L"other.ico", StandInRegistry::text(m_root, L"Software\\Classes\\.braw2\\DefaultIcon"));
     EXPECT_EQ(L"", registeredFolder(GetParam()));
 }
 

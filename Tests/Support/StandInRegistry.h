@@ -36,6 +36,13 @@ public:
         RegSetKeyValueW(root, key.c_str(), value, type, text.c_str(),
                         static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
     }
+    /// "(nothing)" when there is no such text.
+    static std::wstring text(HKEY root, const std::wstring& key, const wchar_t* value = nullptr) {
+        wchar_t found[512] = {};
+        DWORD size = sizeof found;
+        const LSTATUS status = RegGetValueW(root, key.c_str(), value, RRF_RT_REG_SZ, nullptr, found, &size);
+        return status == ERROR_SUCCESS ? found : L"(nothing)";
+    }
 
 private:
     struct Hive {

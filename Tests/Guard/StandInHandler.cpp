@@ -20,35 +20,12 @@ std::wstring folderOfModule() {
     return path.substr(0, path.find_last_of(L'\\'));
 }
 
-volatile char* volatile g_nowhere = nullptr;
-
-int overflowStack(int depth) {
-    volatile char frame[4096];
-    frame[0] = static_cast<char>(depth);
-    return depth < 0 ? 0 : overflowStack(depth + 1) + frame[0];
-}
-
-void raiseOnThread() {
-    const auto raise = [](void*) -> DWORD {
-        RaiseException(0xE0000001, EXCEPTION_NONCONTINUABLE, 0, nullptr);
-        return 0;
-    };
-    WaitForSingleObject(CreateThread(nullptr, 0, raise, nullptr, 0, nullptr), INFINITE);
-}
-
 constexpr struct {
     const wchar_t* name;
     void (*deed)();
 } deeds[] = {
-    {L"null write", [] { *g_nowhere = 1; }},
-    {L"stack overflow", [] { std::exit(overflowStack(0)); }},
-    {L"abort", [] { std::abort(); }},
-    {L"fail fast", [] { RaiseFailFastException(nullptr, nullptr, 0); }},
-    {L"terminate", [] { TerminateProcess(GetCurrentProcess(), 0); }},
-    {L"exit", [] { ExitProcess(0); }},
-    {L"throw", [] { throw 1; }},
-    {L"thread", raiseOnThread},
-    {L"hang", [] { Sleep(INFINITE); }},
+    {L"abort", [] { std::abort(); }},  {L"terminate", [] { TerminateProcess(GetCurrentProcess(), 0); }},
+    {L"exit", [] { ExitProcess(0); }}, {L"hang", [] { Sleep(INFINITE); }},
     {L"slow", [] { Sleep(300); }},
 };
 

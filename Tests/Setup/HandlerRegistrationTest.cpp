@@ -108,10 +108,10 @@ TEST_P(HandlerRegistration, LeavesEverythingAsItWas) {
         makeKey(m_root, L"Software");
         write(m_root);
         const Picture before = photograph();
-        const std::wstring type = textOf(m_root, L"Software\\Classes\\.braw");
+        const std::wstring type = StandInRegistry::text(m_root, L"Software\\Classes\\.braw");
         EXPECT_EQ(S_OK, registerHandler(L"C:\\one\\", GetParam()));
         EXPECT_EQ(type == L"(nothing)" ? L"Clipforge.ThumbnailClip" : type,
-                  textOf(m_root, L"Software\\Classes\\.braw"));
+                  StandInRegistry::text(m_root, L"Software\\Classes\\.braw"));
         EXPECT_EQ(L"C:\\one\\", registeredFolder(GetParam()));
         EXPECT_EQ(ourClass, StandInRegistry::text(m_root, binding));
         EXPECT_EQ(L"(nothing)",

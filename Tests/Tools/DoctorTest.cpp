@@ -16,6 +16,7 @@
 #include "GuardProvider.h"
 #include "HandlerRegistration.h"
 #include "Imports.h"
+#include "PictureChild.h"
 #include "ProgramRun.h"
 #include "RegistryRows.h"
 #include "StandInRegistry.h"
@@ -79,6 +80,7 @@ protected:
 TEST_F(Doctor, ASoundInstallationIsWell) {
     for (const Finding& finding : look().findings)
         EXPECT_EQ(Finding::Grade::advice, finding.grade) << finding.id << ": " << finding.text;
+    EXPECT_FALSE(askInChild(inside(L"x\" \"more words"), m_clip).isGood) << "the child never asked";
 }
 
 /// A way to break the set-up in `folder`; it may name another clip.

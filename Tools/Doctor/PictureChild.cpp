@@ -9,7 +9,10 @@
 
 namespace {
 
-// Results and exception codes are negative; a good answer is not.
+// What nobody else ends a process with: 0 to 2 may come from a library's own exit, a misuse or the task
+// manager. Failures and exception codes are negative.
+constexpr HRESULT kPictureMade = MAKE_HRESULT(SEVERITY_SUCCESS, FACILITY_ITF, 0x2A51);
+
 LONG WINAPI endWithItsCode(EXCEPTION_POINTERS* exception) {
     TerminateProcess(GetCurrentProcess(), exception->ExceptionRecord->ExceptionCode);
     return EXCEPTION_EXECUTE_HANDLER;
@@ -32,11 +35,13 @@ PictureAnswer askInChild(const std::wstring& handler, const std::wstring& clip) 
     if (!child.hasEnded(patience))
         return {false, E_FAIL, L"no answer in a minute"};
     const auto code = static_cast<HRESULT>(child.exitCode());
-    PictureAnswer answer{SUCCEEDED(code), code, L""};
+    PictureAnswer answer{code == kPictureMade, code, L""};
     answer.milliseconds = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
     constexpr DWORD exceptions = 0xC0000000; // where the system's exceptions begin
     const std::wstring meaning = static_cast<DWORD>(code) >= exceptions ? L"it crashed" : meaningOf(code);
-    if (!answer.isGood)
+    if (SUCCEEDED(code) && !answer.isGood)
+        answer.trouble = L"its process ended with " + hexadecimal(code) + L" before it had an answer";
+    else if (!answer.isGood)
         answer.trouble = (meaning.empty() ? L"" : meaning + L", ") + describe(code);
     return answer;
 }
@@ -46,6 +51,6 @@ int runPictureChild(Words words) {
         return EXIT_USAGE;
     SetUnhandledExceptionFilter(endWithItsCode);
     const HRESULT result = ask(std::wstring(words[0]), std::wstring(words[1]));
-    TerminateProcess(GetCurrentProcess(), static_cast<UINT>(result));
+    TerminateProcess(GetCurrentProcess(), static_cast<UINT>(SUCCEEDED(result) ? kPictureMade : result));
     return EXIT_FAILED;
 }

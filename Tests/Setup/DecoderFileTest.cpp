@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "EnvironmentVariable.h"
 #include "TemporaryFolder.h"
 
 TEST(DecoderFile, OnlyAFileOfTheRightSizeIsTaken) {
@@ -20,10 +19,4 @@ TEST(DecoderFile, OnlyAFileOfTheRightSizeIsTaken) {
         EXPECT_EQ(right, holdsDecoder(folder.path().wstring())) << size;
         EXPECT_EQ(right, holdsDecoder(folder.path().wstring() + L"\\")) << size;
     }
-}
-
-TEST(DecoderFile, TheUsualFoldersAreThoseOfThisMachine) {
-    const EnvironmentVariable programs(L"ProgramFiles(x86)", L"Q:\\Programs");
-    EXPECT_EQ(L"Q:\\Programs\\Blackmagic Design\\Blackmagic RAW\\Blackmagic RAW SDK\\Win\\Libraries",
-              usualDecoderFolders().front());
 }

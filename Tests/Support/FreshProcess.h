@@ -23,18 +23,13 @@ inline PROCESS_INFORMATION startFreshProcess(const std::string& test) {
     return process;
 }
 
-/// Runs it and gives the exit code: 0 when it passed.
-inline DWORD exitCodeOfFreshProcess(const std::string& test) {
+/// Runs a test that shall pass.
+inline void runInFreshProcess(const std::string& test) {
     const PROCESS_INFORMATION process = startFreshProcess(test);
     DWORD exitCode = 1;
     WaitForSingleObject(process.hProcess, INFINITE);
     GetExitCodeProcess(process.hProcess, &exitCode);
     CloseHandle(process.hThread);
     CloseHandle(process.hProcess);
-    return exitCode;
-}
-
-/// The same for a test that shall pass.
-inline void runInFreshProcess(const std::string& test) {
-    EXPECT_EQ(exitCodeOfFreshProcess(test), 0u) << test;
+    EXPECT_EQ(exitCode, 0u) << test;
 }

@@ -65,85 +65,26 @@ private:
     EnvironmentVariable m_profile{L"USERPROFILE", m_folder.path().c_str()};
 };
 
-constexpr const char* wholeRoad[] = {
-    // The provider is created and told its clip.
-    "INFO|BRThumbnailProv| AddRef|CClipforgeThumbProvider AddRef !",
+// In this order, with others between them.
+constexpr const char* milestones[] = {
     "INFO|BRThumbnailProv| CRecipeThumbProvider_CreateInstance|  - Returning 0",
-    "INFO|BRThumbnailProv| Initialize|Initialize !",
     "INFO|BRThumbnailProv| Initialize|  - called with : *\\clip.braw",
-    "INFO|BRThumbnailProv| Initialize|  - Filepath Test :",
-    "INFO|BRThumbnailProv| Initialize|  - Filepath with UTF16ToWString call : *\\clip.braw",
-    "INFO|BRThumbnailProv| Initialize|  - Exists : True",
     "INFO|BRThumbnailProv| Initialize|  - Readable : True",
-    "INFO|BRThumbnailProv| Initialize|  - Test wfopen : OK",
-    "INFO|BRThumbnailProv| Initialize|  - Returning 0",
-    "INFO|BRThumbnailProv| AddRef|CClipforgeThumbProvider AddRef !",
     "INFO|BRThumbnailProv| GetThumbnail|Getting Thumbnail with size 16",
-    // The decode core comes up.
-    "INFO|brThumbnailGene| initBMIfNeeded|Initializing BMD Lib",
-    "INFO|BlackmagicRawAP| TryLoadBlackmagicRawAPI|Module Filename : *ThumbnailProviderTests.exe",
-    "INFO|BlackmagicRawAP| TryLoadBlackmagicRawAPI|Should release Other Dlls : 1",
     "INFO|BlackmagicRawAP| TryLoadBlackmagicRawAPI|Manualyy Loaded DLL success !",
-    "INFO|Instance       | tryToInitBM|Succeeded in creating IBlackmagicRawFactory with this path *\\",
-    "INFO|Instance       | isTheDllLastVersion|Dll Filesize : 2161112",
-    "INFO|Instance       | initPipeline|Initializing Pipeline",
-    "INFO|Instance       | initPipeline|-- New Pipeline : CUDA",
-    "INFO|Instance       | initPipeline|-- New Pipeline : CPU",
     "INFO|Instance       | initPipeline|- Pipeline Infos : */    - Instruction set : */    - Device Index : 0"
     "/    - Interop : None/    - Name : Reference CPU/    - Pipeline Name : CPU/",
-    "INFO|Instance       | initPipeline|Replacing old pipeline with new one created",
-    "INFO|Manager        | logCodecConfiguration|Thread : /    - Count : */    - MaxCount : *"
-    "/Pipeline supported : /    - CPU : 1/    - CUDA : 1/    - METAL : 0/    - OPENCL : 0"
-    "/General Infos : /    - Current Pipeline : CPU/    - WriteMetadataPerFrame : 0/    - Version : *"
-    "/    - Camera Supported Version : *",
-    // The clip is opened.
-    "INFO|Manager        | AddClipIfNew|Calling AddClipIfNew with path : *\\clip.braw",
-    "INFO|Manager        | AddClipIfNew|Clip has not been found : need to add it",
-    "INFO|Manager        | AddClip|Calling AddClip",
     "INFO|Manager        | AddClip|Opening new clip",
-    "INFO|Manager        | createGeometryForClip|Opening Clip with Flip Vertical",
-    "INFO|Clip           | openAndInit|Initializing Clip : 0",
-    "INFO|Clip           | openAndInit|Resolutions found : 4",
-    "INFO|Clip           | openAndInit|    - 64x32",
-    "INFO|Clip           | openAndInit|    - 32x16",
-    "INFO|Clip           | openAndInit|    - 16x8",
     "INFO|Clip           | openAndInit|    - 8x4",
-    "INFO|Manager        | AddClip|New Clip from *\\clip.braw initialized with ID #0",
-    "INFO|Manager        | AddClip|Number of clips in memory : 1",
-    // The request is set up, submitted, and carried through its three jobs.
     "INFO|Request        | setScaleAndDimensions|[Q-1C*#0I0] Dimensions - In 32x16 - Full 64x32 - Scale half "
     "- Downscale 0",
-    "INFO|Request        | setup|[Q-1C0#0I0] Request Setup - Frame 0 / 1 - Format BGRA_8_LOW - GPU : 0 - "
-    "Enable : 1",
-    "INFO|brBufferManager| setAllocatedProcessedBuffer|[Q-1C0#0I0]  - Processed Buffer should not be "
-    "released",
-    "INFO|brBufferManager| createReadJob|[Q-1C0#0I0]  - bitStreamSizeBytes : *",
-    "INFO|brBufferManager| createReadJob|[Q-1C0#0I0]  - Allocating New Buffer for m_bitStream - Previous "
-    "Size : 0",
     "INFO|Manager        | AddProcessFrameAsync|[Q-1C0#0I0] Submitting Job",
     "INFO|Callback       | ReadComplete|[Q-1C0#0I0] ReadComplete  dt * us",
-    "INFO|brBufferManager| populateFrameStateBuffer|[Q-1C0#0I0]  - frameStateSizeBytes : *",
-    "INFO|brBufferManager| populateFrameStateBuffer|[Q-1C0#0I0]  - Allocating New Buffer for m_frameState - "
-    "Previous Size : 0",
-    "INFO|brBufferManager| createDecodeJob|[Q-1C0#0I0]  - decodedBufferSizeBytes : *",
-    "INFO|brBufferManager| createDecodeJob|[Q-1C0#0I0]  - Allocating New Buffer for m_decodedBuffer - "
-    "PreviousSize : 0",
-    "INFO|Callback       | DecodeComplete|Callback DecodeComplete called",
     "INFO|Callback       | DecodeComplete|[Q-1C0#0I0] DecodeComplete dt * us",
-    "INFO|brBufferManager| createProcessJob|[Q-1C0#0I0]  - CPU processedBufferSizeBytes : 2048",
     "INFO|Callback       | ProcessComplete|[Q-1C0#0I0] ProcessComplete  dt * us",
-    "INFO|Manager        | FindInQueue|[Q-1C0#0I0] RC 0, DPC 0, IPC 0, sz 1 Found: 1 "
-    "foundButStillProcessing: 0",
     "INFO|Manager        | FindInQueue|[Q-1C0#0I0] Removed Queue, sizes 1,0",
-    "INFO|brThumbnailGene| generateThumbnailImageBuffer|Success : Filling final buffer pointer result",
-    // All is taken down again.
-    "INFO|Clip           | Close|[C0]Closing Clip",
-    "INFO|brThumbnailGene| releaseBMD|Releasing Global Manager",
-    "INFO|Manager        | Release|Releasing Global Manager",
-    "INFO|Instance       | Release|Releasing BMD Libs Win",
     "INFO|Instance       | Release|BMD Libs Released",
     "INFO|BRThumbnailProv| GetThumbnail|End of getting Thumbnail - Returning 0",
-    "INFO|BRThumbnailProv| Release|Cref == 0 => Deleting CClipforgeThumbProvider",
     "INFO|BRThumbnailProv| ~CClipforgeThumbProvider|CClipforgeThumbProvider Released !",
 };
 
@@ -152,9 +93,12 @@ TEST_F(HandlerLog, TellsTheWholeRoad) {
     m_decoder.setManners(ReferenceDecoderManners::none); // it is told what the decoder says
     EXPECT_RESULT(S_OK, ask(m_clip).result);
     const std::vector<std::string> lines = entries();
-    for (size_t i = 0; i < std::min(lines.size(), std::size(wholeRoad)); ++i)
-        ASSERT_TRUE(matches(wholeRoad[i], lines[i])) << lines[i] << "\nshould be\n" << wholeRoad[i];
-    EXPECT_EQ(std::size(wholeRoad), lines.size());
+    auto line = lines.begin();
+    for (const char* const milestone : milestones) {
+        line = std::ranges::find_if(line, lines.end(),
+                                    [&](const std::string& text) { return matches(milestone, text); });
+        ASSERT_NE(lines.end(), line) << milestone;
+    }
 }
 
 TEST_F(HandlerLog, TellsWhatWentWrong) {

@@ -53,15 +53,6 @@ TEST(Mutex, OnlyAContendedLockTellsBeforeAndAfterTheWait) {
     }
 }
 
-TEST(Mutex, TraceNamesLockAndCaller) {
-    const LogSession session(vdLogLevel::trace);
-    vdMutex named("Name");
-    named.lock("caller");
-    named.unlock();
-    EXPECT_EQ(functionsAndMessages(session),
-              (std::vector<std::string>{"lock|Mutex Name caller locked", "unlock|Mutex Name unlocked"}));
-}
-
 TEST(Mutex, HandedOverLockStaysTaken) {
     vdMutex mutex;
     {

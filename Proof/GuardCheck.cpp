@@ -213,7 +213,7 @@ void tryKilledWorkers(ProofForm form, ProofTally& tally) {
     setPolicy(L"Workers", 4);
     shell.ask();
     const Holdings before;
-    std::atomic<int> next = 0, killed = 0, lost = 0;
+    std::atomic<int> next = 0, killed = 0;
     std::vector<std::string> troubles(static_cast<size_t>(total));
     std::vector<std::jthread> threads;
     for (int i = 0; i < threadCount; ++i)
@@ -228,6 +228,7 @@ void tryKilledWorkers(ProofForm form, ProofTally& tally) {
         });
     std::mt19937 random(1);
     while (next < total) {
+        ProofTally::begin("thumbnail " + std::to_string(next));
         Sleep(random() % 60);
         for (const DWORD worker : childProcesses(workerName))
             if (const HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, worker); random() % 2 == 0) {

@@ -23,13 +23,13 @@ public:
     }
     /// The same for an attempt that was made already.
     void count(const std::string& attempt, const std::string& trouble);
+    /// Says what is being tried, for an attempt that takes its time: whoever is silent for long does not end.
+    static void begin(const std::string& attempt);
 
     uint64_t tried() const { return m_tried; }
     uint64_t survived() const { return m_survived; }
 
 private:
-    static void begin(const std::string& attempt);
-
     uint64_t m_tried = 0;
     uint64_t m_survived = 0;
 };

@@ -1,5 +1,4 @@
 // The first meeting with a library that lies, crashes or hangs: whatever it does, the call is named.
-#include <algorithm>
 #include <map>
 
 #include <gtest/gtest.h>
@@ -10,6 +9,7 @@
 #include "Imports.h"
 #include "Probe.h"
 #include "ProbeStages.h"
+#include "ProgramRun.h"
 #include "TemporaryFolder.h"
 #include "TestClips.h"
 
@@ -65,6 +65,11 @@ TEST_F(Probe, AGoodLibraryGivesAPicture) {
     EXPECT_EQ(probe::stages().size(), m_rows.size());
     EXPECT_TRUE(std::filesystem::exists(m_request.picture));
     EXPECT_NE(std::wstring::npos, outcome.advice.find(L"fit each other")) << outcome.advice;
+    // Red grows to the right, green downwards: the sketch is darkest at the top left, brightest at the bottom
+    // right.
+    const size_t end = outcome.sketch.find_last_not_of(L"\n");
+    EXPECT_TRUE(std::wstring_view(L" .:-").find(outcome.sketch[6]) != std::wstring::npos) << outcome.sketch;
+    EXPECT_TRUE(std::wstring_view(L"+*#%@").find(outcome.sketch[end]) != std::wstring::npos);
 }
 
 // In turn, at every second call: it crashes, it fails, or it ends the process. What the handler can do
@@ -205,6 +210,17 @@ TEST_F(Probe, WhatIsNoLibraryOrNoClipIsRefusedBeforehand) {
             EXPECT_NE(std::wstring::npos, error.line().find(line)) << error.line();
         }
     }
+}
+
+TEST_F(Probe, APersonGetsRowsAndASentence) {
+    writeFileBytes(m_request.clip, "This is no clip.");
+    const ProgramRun run = runProgram(kBinaries / "clipforge-thumb.exe", {L"probe", m_request.clip});
+    EXPECT_EQ(1u, run.exitCode);
+    EXPECT_EQ("", run.errors);
+    EXPECT_NE(std::string::npos, run.output.find("ok  ")) << run.output;
+    EXPECT_NE(std::string::npos, run.output.find("FAILED")) << run.output;
+    const size_t last = run.output.rfind('\n', run.output.size() - 2) + 1;
+    EXPECT_TRUE(run.output.substr(last).starts_with("Next: see whether the clip plays")) << run.output;
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <new>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 #include "Imports.h"
 #include "LogSession.h"
 #include "Utils/vdProduct.h"
+#include "Utils/vdSessionHeader.h"
 
 namespace {
 /// Matches one line of `level` from the source file `stem`; `rest` is its function and message.
@@ -111,6 +113,23 @@ TEST(Logging, LinesOfManyThreadsAreWrittenOneAfterTheOther) {
 }
 
 namespace {
+/// What the machine says of itself in the test of the header: no figure twice.
+void WINAPI tellSystem(SYSTEM_INFO* info) {
+    *info = {};
+    info->dwOemId = 9;
+    info->dwNumberOfProcessors = 24;
+    info->dwPageSize = 4096;
+    info->dwProcessorType = 8664;
+    info->lpMinimumApplicationAddress = reinterpret_cast<void*>(0x10000);
+    info->lpMaximumApplicationAddress = reinterpret_cast<void*>(0x7FFFFFFEFFFF);
+    info->dwActiveProcessorMask = 16777215;
+}
+BOOL WINAPI tellMemory(MEMORYSTATUSEX* status) {
+    constexpr DWORDLONG KB = 1024; // and a part of one, which is cut off
+    *status = {status->dwLength, 37,    64 * KB + 1023, 32 * KB, 80 * KB, 40 * KB, 134217727 * KB,
+               134217000 * KB,   5 * KB};
+    return TRUE;
+}
 DWORD WINAPI tellDrives(DWORD size, LPWSTR roots) {
     constexpr wchar_t text[] = L"C:\\\0Q:\\\0";
     EXPECT_EQ(size, 260u);
@@ -130,21 +149,61 @@ BOOL WINAPI tellSpace(LPCWSTR root, PULARGE_INTEGER caller, PULARGE_INTEGER tota
     available->QuadPart = 1'073'741'824;
     return root[0] == L'C';
 }
+bool g_isWorkstation = false;
+BOOL WINAPI tellProductType(OSVERSIONINFOEXW* wanted, DWORD fields, DWORDLONG conditions) {
+    if (fields != VER_PRODUCT_TYPE) // Windows 10
+        return wanted->dwMajorVersion < 10 || (wanted->dwMajorVersion == 10 && wanted->dwMinorVersion == 0);
+    EXPECT_EQ(conditions, VerSetConditionMask(0, VER_PRODUCT_TYPE, VER_EQUAL));
+    return g_isWorkstation && wanted->wProductType == VER_NT_WORKSTATION;
+}
 } // namespace
 
-TEST(Logging, HeaderTellsOfEachDriveAndNobodyWaitsForIt) {
+TEST(Logging, HeaderSaysWhatTheMachineSays) {
+    const ReplacedImport system("GetSystemInfo", &tellSystem);
+    const ReplacedImport memory("GlobalMemoryStatusEx", &tellMemory);
     const ReplacedImport drives("GetLogicalDriveStringsW", &tellDrives);
     const ReplacedImport space("GetDiskFreeSpaceExW", &tellSpace);
-    ASSERT_TRUE(drives && space);
-    const std::vector<std::string> lines = LogSession(vdLogLevel::info).header();
-    ASSERT_GT(lines.size(), 10u);
-    EXPECT_EQ(lines[2], "Host and version : Desktop " + versionToString(productInfo().version));
-    EXPECT_EQ(lines[3], "Clipforge version " PRODUCT_VERSION " - BUILD " PRODUCT_BUILD);
-    EXPECT_EQ((std::vector(lines.end() - 6, lines.end())),
-              (std::vector<std::string>{
-                  "    - Drive C:/ has :", "        - Bytes Total: 500000000000(465.661 GB)",
-                  "        - Bytes Available: 1073741824(1 GB)",
-                  "    - Drive Q:/ has :", "        - No answer from this drive", std::string(68, '-')}));
+    const ReplacedImport type("VerifyVersionInfoW", &tellProductType);
+    ASSERT_TRUE(system && memory && drives && space && type);
+    std::ostringstream processor;
+    writeProcessor(processor, readCpuInfo());
+    for (const bool isWorkstation : {false, true}) {
+        g_isWorkstation = isWorkstation;
+        EXPECT_TRUE(std::regex_match(windowsName(), std::regex("1[01] B\\d+"))) << windowsName();
+        const std::string before = localDateTimeText();
+        std::vector<std::string> lines = LogSession(vdLogLevel::info).header();
+        ASSERT_GT(lines.size(), 2u);
+        EXPECT_LE("Log creation DateTime : " + before, lines[1]);
+        EXPECT_GE("Log creation DateTime : " + localDateTimeText(), lines[1]);
+        lines.erase(lines.begin() + 1);
+        std::string text;
+        for (const std::string& line : lines)
+            text += line + "\n";
+        const std::string rule = std::string(68, '-') + "\n";
+        EXPECT_EQ(
+            text,
+            rule + "Host and version : Desktop " + versionToString(productInfo().version) +
+                "\nClipforge version " PRODUCT_VERSION " - BUILD " PRODUCT_BUILD "\n"
+                "Architecture : Win\nHardware informations : \n     - System : \n"
+                "         - OEM ID: 9\n         - Number of processors: 24\n         - Page size: 4096\n"
+                "         - Processor type: 8664\n         - Minimum application address: 0x10000\n"
+                "         - Maximum application address: 0x7ffffffeffff\n"
+                "         - Active processor mask: 16777215\n" +
+                processor.str() + "     - OS Version : \n        - Windows " + windowsName() +
+                (isWorkstation ? " - Client\n" : " - Server\n") +
+                "     - Memory : \n        - There is  37 percent of memory in use\n"
+                "        - There are  64 total KB of physical memory\n"
+                "        - There are  32 free  KB of physical memory\n"
+                "        - There are  80 total KB of paging file\n"
+                "        - There are  40 free  KB of paging file\n"
+                "        - There are  134217727 total KB of virtual memory\n"
+                "        - There are  134217000 free  KB of virtual memory\n"
+                "        - There are  5 free  KB of extended memory\n"
+                "    - Drive C:/ has :\n        - Bytes Total: 500000000000(465.661 GB)\n"
+                "        - Bytes Available: 1073741824(1 GB)\n"
+                "    - Drive Q:/ has :\n        - No answer from this drive\n" +
+                rule);
+    }
 }
 
 namespace {

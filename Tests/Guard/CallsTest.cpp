@@ -24,6 +24,7 @@ struct Calls {
     DWORD noChildProcesses = 0;
     DWORD integrity = 0;
     bool refuseJob = false;
+    int events = 0;
     void clear() { *this = {}; }
 } g_calls;
 
@@ -94,6 +95,11 @@ BOOL WINAPI setToken(HANDLE token, TOKEN_INFORMATION_CLASS kind, LPVOID informat
     return SetTokenInformation(token, kind, information, size);
 }
 
+BOOL WINAPI reportEvent(HANDLE, WORD, WORD, DWORD, PSID, WORD, DWORD, LPCWSTR*, LPVOID) {
+    ++g_calls.events;
+    return TRUE;
+}
+
 class CallsTest : public GuardTest {
 protected:
     void SetUp() override {
@@ -112,6 +118,7 @@ protected:
         stand("AssignProcessToJobObject", assign);
         stand("ResumeThread", resume);
         stand("SetTokenInformation", setToken);
+        stand("ReportEventW", reportEvent);
     }
     /// Four handles are inherited, and nobody else can inherit them any more.
     void expectFourHandles() {
@@ -149,6 +156,13 @@ TEST_F(CallsTest, ARefusedJobIsNoReasonToStop) {
     g_calls.refuseJob = true;
     expectPicture();
     EXPECT_EQ((std::vector<std::string>{"start", "assign", "resume"}), g_calls.order);
+}
+
+TEST_F(CallsTest, WhatTheGuardItselfFailsLeavesAnEvent) {
+    EXPECT_RESULT(static_cast<HRESULT>(0x80041234), resultOf(L"refused"));
+    EXPECT_EQ(0, g_calls.events) << "the handler has told";
+    EXPECT_NE(S_OK, resultOf(L"abort"));
+    EXPECT_EQ(1, g_calls.events);
 }
 
 TEST_F(CallsTest, LowIntegrityIsASwitch) {

@@ -1,4 +1,6 @@
 // The library's own frame: its entry point, and what it notes when it comes and goes.
+#include <new>
+
 #include "Crossing.h"
 #include "ReferenceDecoder.h"
 
@@ -18,7 +20,8 @@ bool passes() {
 
 } // namespace
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) {
+/// Without memory for what it notes the library refuses to be loaded.
+extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) try {
     auto& account = reference::account();
     if (reason == DLL_PROCESS_ATTACH) {
         ++account.loads;
@@ -31,4 +34,6 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) {
             ++account.unbalancedUnloads;
     }
     return TRUE;
+} catch (const std::bad_alloc&) {
+    return FALSE;
 }

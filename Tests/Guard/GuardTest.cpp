@@ -13,8 +13,11 @@
 namespace {
 
 TEST_F(GuardTest, WhatTheHandlerSaysIsPassedOn) {
-    for (const UINT size : {2u, 64u, 500u, 3000u, 3u}) // 3000: beyond what a worker is kept with
+    for (const UINT size : {2u, 64u, 500u, 3000u, 3u}) {
         expectPicture(size);
+        EXPECT_EQ(size == 3000 ? 0u : 1u, childProcesses(workerName).size())
+            << "kept after small pictures alone";
+    }
     EXPECT_RESULT(static_cast<HRESULT>(0x80041234), resultOf(L"refused"));
     EXPECT_RESULT(GUARD_E_PICTURE_TOO_LARGE, ask(L"good", 17000).result);
     EXPECT_RESULT(E_OUTOFMEMORY, ask(L"good", 0).result) << "as GDI told the handler";

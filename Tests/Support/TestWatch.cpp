@@ -16,48 +16,50 @@ constexpr ULONGLONG usualSeconds = 120;
 
 constexpr UINT exitCodeOfHang = 4;
 
+/// The test that runs, for the thread that watches. Static: the thread goes with the process, after the
+/// listener.
+struct {
+    std::atomic<ULONGLONG> deadline{~0ull};
+    ULONGLONG seconds = 0;
+    char name[256] = {};
+} g_test;
+
 /// Watches one test after the other from a thread of its own.
 class Watch : public testing::EmptyTestEventListener {
 public:
     explicit Watch(ULONGLONG limit) : m_limit(limit) {}
 
-    void begin() { CloseHandle(CreateThread(nullptr, 0, &Watch::run, this, 0, nullptr)); }
+    void begin() { CloseHandle(CreateThread(nullptr, 0, &Watch::run, nullptr, 0, nullptr)); }
 
     void OnTestStart(const testing::TestInfo& test) override {
         const std::string name = std::string(test.test_suite_name()) + "." + test.name();
         // A test in a process of its own ends before the one that waits for it does.
-        m_seconds = m_limit * (name.find(".DISABLED_") == name.npos ? 4 : 3) / 4;
-        std::snprintf(m_name, sizeof m_name, "%s", name.c_str());
-        m_deadline = GetTickCount64() + m_seconds * 1000;
+        g_test.seconds = m_limit * (name.find(".DISABLED_") == name.npos ? 4 : 3) / 4;
+        std::snprintf(g_test.name, sizeof g_test.name, "%s", name.c_str());
+        g_test.deadline = GetTickCount64() + g_test.seconds * 1000;
     }
-    void OnTestEnd(const testing::TestInfo&) override { m_deadline = never; }
+    void OnTestEnd(const testing::TestInfo&) override { g_test.deadline = ~0ull; }
 
 private:
-    static constexpr ULONGLONG never = ~0ull;
-
-    static DWORD WINAPI run(void* self) {
-        auto& watch = *static_cast<Watch*>(self);
-        while (GetTickCount64() < watch.m_deadline || IsDebuggerPresent())
+    static DWORD WINAPI run(void*) {
+        while (GetTickCount64() < g_test.deadline || IsDebuggerPresent())
             Sleep(100);
-        watch.endProgram();
+        endProgram();
         return 0;
     }
 
     /// Takes no memory and no lock: whoever hangs may hold it.
-    void endProgram() {
+    static void endProgram() {
         char text[512];
         const int length = std::snprintf(
             text, sizeof text, "[  HANGS   ] %s: no end within %llu s; the decoder's latest call: %s\n",
-            m_name, m_seconds, referenceDecoderLatestCall());
+            g_test.name, g_test.seconds, referenceDecoderLatestCall());
         DWORD written = 0;
         WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text, static_cast<DWORD>(length), &written, nullptr);
         TerminateProcess(GetCurrentProcess(), exitCodeOfHang);
     }
 
     const ULONGLONG m_limit;
-    std::atomic<ULONGLONG> m_deadline{never};
-    ULONGLONG m_seconds = 0;
-    char m_name[256] = {};
 };
 } // namespace
 

@@ -25,6 +25,9 @@ constexpr AllowedImports allowedImports[] = {
     {"SHELL32.dll", "SHChangeNotify "},
     {"SHLWAPI.dll", "QISearch "},
     {"cudart64_110.dll", "cudaMemGetInfo cudaMemcpy "},
+#ifdef CLIPFORGE_HARDENED
+    {"KERNEL32.dll", "VirtualFree "}, // its allocator's
+#endif
     {"msvcrt.dll", {}}, // the toolchain's C library: its own choice
     // Ours.
     {"KERNEL32.dll",

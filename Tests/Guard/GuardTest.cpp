@@ -13,6 +13,8 @@
 namespace {
 
 TEST_F(GuardTest, WhatTheHandlerSaysIsPassedOn) {
+    EXPECT_RESULT(E_FAIL, resultOf(std::wstring(32768, L'a')));
+    EXPECT_EQ(0u, childProcesses(workerName).size()) << "no question has room for such a path";
     for (const UINT size : {2u, 64u, 500u, 3000u, 3u}) {
         expectPicture(size);
         EXPECT_EQ(size == 3000 ? 0u : 1u, childProcesses(workerName).size())

@@ -343,14 +343,12 @@ std::shared_ptr<vdBRAW_Clip> vdBRAW_Manager::GetClip(uint64_t id) {
 uint32_t vdBRAW_Manager::GetClipIDFromFilepath(std::string_view path, uint64_t& idOut,
                                                std::shared_ptr<vdBRAW_Clip>& clipOut) {
     vdLock lock(m_clipsMutex, "m_clipsMutex");
-    for (uint64_t id = 0; id < m_clips.size(); ++id) {
-        const std::shared_ptr<vdBRAW_Clip>& clip = m_clips.at(id);
+    for (const auto& [id, clip] : m_clips)
         if (clip->m_filePath == path) {
-            idOut = clip->m_id;
+            idOut = id;
             clipOut = clip;
             return 1;
         }
-    }
     return 0;
 }
 
@@ -417,7 +415,7 @@ size_t vdBRAW_Manager::openedClipCount() const {
         m_clips.begin(), m_clips.end(), [](const auto& entry) -> bool { return entry.second->m_isOpened; }));
 }
 
-HRESULT vdBRAW_Manager::createGeometryForClip(ComPtr<IBlackmagicRawClipGeometry>& geometryOut) {
+HRESULT vdBRAW_Manager::createGeometryForClip(ComPtr<IBlackmagicRawClipGeometry>& geometryOut) const {
     HRESULT hr = m_instance->factory->CreateClipGeometry(&geometryOut);
     if (SUCCEEDED(hr) && !geometryOut)
         hr = E_UNEXPECTED;
@@ -436,6 +434,6 @@ HRESULT vdBRAW_Manager::createGeometryForClip(ComPtr<IBlackmagicRawClipGeometry>
     return S_OK;
 }
 
-int vdBRAW_Manager::CloseClip(std::shared_ptr<vdBRAW_Clip> clip) {
+int vdBRAW_Manager::CloseClip(const std::shared_ptr<vdBRAW_Clip>& clip) {
     return clip ? clip->Close(false) : 0;
 }

@@ -62,9 +62,9 @@ public:
     /// Opens the clip under the registry's next ID. One that cannot be opened is not registered.
     int AddClip(std::string_view path, uint64_t& idOut);
     /// The geometry that clips are opened with, by the two flags below.
-    HRESULT createGeometryForClip(Microsoft::WRL::ComPtr<IBlackmagicRawClipGeometry>& geometryOut);
+    HRESULT createGeometryForClip(Microsoft::WRL::ComPtr<IBlackmagicRawClipGeometry>& geometryOut) const;
     /// Closes the clip; it stays registered.
-    int CloseClip(std::shared_ptr<vdBRAW_Clip> clip);
+    int CloseClip(const std::shared_ptr<vdBRAW_Clip>& clip);
 
     // Requests.
 

@@ -12,7 +12,7 @@
 namespace {
 constexpr bool handlerLogging = CLIPFORGE_HANDLER_LOGGING != 0;
 
-void startLogging() noexcept {
+[[maybe_unused]] void startLogging() noexcept {
     const ProcessWideLock lock;
     if (!lock)
         return;

@@ -23,14 +23,15 @@ public:
         if (m_handle)
             CloseHandle(m_handle);
     }
-    /// False when the mutex could not be had.
-    bool acquire() const {
-        const DWORD waited = m_handle ? WaitForSingleObject(m_handle, INFINITE) : WAIT_FAILED;
-        return waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED;
-    }
+    /// False when the mutex could not be had, not at a second try either: what is not given back then stays.
+    bool acquire() const { return tryAcquire() || tryAcquire(); }
     void release() const { ReleaseMutex(m_handle); }
 
 private:
+    bool tryAcquire() const {
+        const DWORD waited = m_handle ? WaitForSingleObject(m_handle, INFINITE) : WAIT_FAILED;
+        return waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED;
+    }
     HANDLE m_handle;
 };
 const LoaderMutex g_loaderMutex;
@@ -189,8 +190,9 @@ std::unique_ptr<vdPipelineDevice> findDevice(IBlackmagicRawFactory& factory, Bla
 } // namespace
 
 void brLibraryHold::take() noexcept {
+    // Even without the lock: a library that goes under its user is worse than one that stays too long.
     const LoaderLock lock;
-    if (lock && !m_isHeld)
+    if (!m_isHeld)
         m_isHeld = HoldBlackmagicRawAPI();
 }
 

@@ -8,6 +8,7 @@
 #include "GuardProvider.h"
 #include "GuardValues.h"
 #include "RegistryRows.h"
+#include "Utils/vdModule.h"
 
 namespace {
 #define TYPE_NAME L"Clipforge.ThumbnailClip"

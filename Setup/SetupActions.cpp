@@ -16,6 +16,7 @@
 #include "HandlerRegistration.h"
 #include "RegistryRows.h"
 #include "Utils/vdGuard.h"
+#include "Utils/vdModule.h"
 #include "Utils/vdResult.h"
 #include "Utils/vdText.h"
 

@@ -39,10 +39,6 @@ HRESULT findModulePath(std::wstring& path) {
     return path.size() < MAX_PATH ? S_OK : HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
 }
 
-std::wstring folderOf(const std::wstring& path) {
-    return path.substr(0, path.find_last_of(L"\\/") + 1);
-}
-
 HRESULT writeRegistryRows(const RegistryRoot& root, std::wstring_view base, std::span<const RegistryRow> rows,
                           std::span<const std::wstring> texts) {
     for (const RegistryRow& row : rows) {

@@ -33,9 +33,6 @@ struct RegistryRow {
 /// ERROR_INSUFFICIENT_BUFFER for a longer one. May throw std::bad_alloc.
 HRESULT findModulePath(std::wstring& path);
 
-/// `path` up to and with its last separator.
-std::wstring folderOf(const std::wstring& path);
-
 /// Writes the rows one after the other, each under root, base and its key, and ends with the first that
 /// fails: the rows before it stay. May throw std::bad_alloc.
 HRESULT writeRegistryRows(const RegistryRoot& root, std::wstring_view base, std::span<const RegistryRow> rows,

@@ -34,8 +34,7 @@ struct WorkerQuestion {
     uint64_t number;
     uint32_t size; ///< asked of the handler
     uint32_t pathLength;
-    uint64_t
-        killerState; ///< the clip's when it ended a worker, as WorkerChannel::clipState; 0: it ended none
+    uint64_t killerState; ///< WorkerChannel::clipState when the clip ended a worker; 0: it ended none
     wchar_t path[maximumPath + 1];
 };
 

@@ -15,6 +15,7 @@
 #include "HandlerHost.h"
 #include "OwnedHandle.h"
 #include "Transport.h"
+#include "Utils/vdModule.h"
 
 namespace {
 constexpr wchar_t handlerFile[] = L"Clipforge_Thumbnails.dll";
@@ -92,12 +93,6 @@ uint64_t stateOf(const std::wstring& path) {
     return transportHash(state, sizeof state);
 }
 
-std::wstring handlerPath() {
-    std::wstring path(WorkerQuestion::maximumPath + 1, L'\0');
-    path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
-    return path.substr(0, path.find_last_of(L"\\/") + 1) + handlerFile;
-}
-
 class Worker {
 public:
     Worker(const WorkerHandles& handles, WorkerChannel& channel) : m_handles(handles), m_channel(channel) {}
@@ -116,7 +111,7 @@ public:
 
 private:
     WorkerOutcome load() {
-        const std::wstring path = handlerPath();
+        const std::wstring path = folderOf(ownModulePath()) + handlerFile;
         if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES)
             return WorkerOutcome::handlerMissing;
         return m_handler.load(path) == S_OK ? WorkerOutcome::answered : WorkerOutcome::handlerNotLoaded;

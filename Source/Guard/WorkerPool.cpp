@@ -7,7 +7,6 @@
 
 #include "GuardFailures.h"
 #include "KillerClips.h"
-#include "RegistryRows.h"
 #include "Utils/vdModule.h"
 #include "Utils/vdPolicy.h"
 

@@ -5,6 +5,7 @@
 #include "BRThumbnailProvider.h"
 #include "FileExtensions.h"
 #include "RegistryRows.h"
+#include "Utils/vdModule.h"
 
 namespace {
 /// Size of the command line with its terminator, in characters.

@@ -25,6 +25,8 @@ struct Calls {
     DWORD integrity = 0;
     bool refuseJob = false;
     int events = 0;
+    SIZE_T committed = 0;
+    int waitsForAnEnd = 0;
     void clear() { *this = {}; }
 } g_calls;
 
@@ -100,6 +102,16 @@ BOOL WINAPI reportEvent(HANDLE, WORD, WORD, DWORD, PSID, WORD, DWORD, LPCWSTR*, 
     return TRUE;
 }
 
+void* WINAPI commit(void* place, SIZE_T bytes, DWORD kind, DWORD protection) {
+    g_calls.committed = bytes;
+    return VirtualAlloc(place, bytes, kind, protection);
+}
+
+DWORD WINAPI waitForEnd(HANDLE process, DWORD milliseconds) {
+    ++g_calls.waitsForAnEnd;
+    return WaitForSingleObject(process, milliseconds);
+}
+
 class CallsTest : public GuardTest {
 protected:
     void SetUp() override {
@@ -119,6 +131,8 @@ protected:
         stand("ResumeThread", resume);
         stand("SetTokenInformation", setToken);
         stand("ReportEventW", reportEvent);
+        stand("VirtualAlloc", commit);
+        stand("WaitForSingleObject", waitForEnd);
     }
     /// Four handles are inherited, and nobody else can inherit them any more.
     void expectFourHandles() {
@@ -142,6 +156,8 @@ TEST_F(CallsTest, AWorkerIsBornInItsJobAndItsFolder) {
     EXPECT_TRUE(
         std::filesystem::equivalent(m_folder.path(), std::filesystem::path(g_calls.folder).parent_path()));
     expectFourHandles();
+    EXPECT_EQ(64u * 32 * 4, g_calls.committed)
+        << "a worker need not have committed what it claims to have written";
     const auto& basic = g_calls.limits.BasicLimitInformation;
     EXPECT_EQ(static_cast<DWORD>(JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE | JOB_OBJECT_LIMIT_ACTIVE_PROCESS |
                                  JOB_OBJECT_LIMIT_DIE_ON_UNHANDLED_EXCEPTION |
@@ -161,8 +177,10 @@ TEST_F(CallsTest, ARefusedJobIsNoReasonToStop) {
 TEST_F(CallsTest, WhatTheGuardItselfFailsLeavesAnEvent) {
     EXPECT_RESULT(static_cast<HRESULT>(0x80041234), resultOf(L"refused"));
     EXPECT_EQ(0, g_calls.events) << "the handler has told";
+    EXPECT_EQ(0, g_calls.waitsForAnEnd);
     EXPECT_NE(S_OK, resultOf(L"abort"));
     EXPECT_EQ(1, g_calls.events);
+    EXPECT_EQ(1, g_calls.waitsForAnEnd) << "the clip is free again when the shell has its answer";
 }
 
 TEST_F(CallsTest, LowIntegrityIsASwitch) {

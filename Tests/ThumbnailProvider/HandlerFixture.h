@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -19,6 +18,7 @@
 #include "GdiObjects.h"
 #include "HandlerHost.h"
 #include "ReferenceDecoderSession.h"
+#include "Result.h"
 #include "TemporaryFolder.h"
 #include "TestClips.h"
 
@@ -26,16 +26,6 @@ using Microsoft::WRL::ComPtr;
 
 /// The library under test: the handler's, or the one that the environment names, asked in the same way.
 std::filesystem::path testedLibrary();
-
-/// A failed comparison prints the code as people look it up.
-struct Result {
-    HRESULT code;
-    bool operator==(const Result&) const = default;
-    friend std::ostream& operator<<(std::ostream& stream, Result result) {
-        return stream << "0x" << std::hex << static_cast<unsigned long>(result.code) << std::dec;
-    }
-};
-#define EXPECT_RESULT(expected, actual) EXPECT_EQ(Result{expected}, Result{actual})
 
 /// The loaded library, whose bitmaps are guarded.
 class HandlerModule : public HandlerLibrary {

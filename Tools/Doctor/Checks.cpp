@@ -18,6 +18,7 @@
 #include "Probe.h"
 #include "RegistryRows.h"
 #include "Utils/vdCloudFile.h"
+#include "Utils/vdModule.h"
 
 namespace {
 

@@ -9,6 +9,7 @@
 
 #include "Console.h"
 #include "Paths.h"
+#include "Utils/vdModule.h"
 
 namespace {
 

@@ -8,6 +8,7 @@
 #include "GuardProvider.h"
 #include "Paths.h"
 #include "RegistryRows.h"
+#include "Utils/vdModule.h"
 
 namespace {
 

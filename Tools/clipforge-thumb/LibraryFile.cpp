@@ -9,6 +9,7 @@
 #include "BlackmagicRawAPIFile.h"
 #include "Console.h"
 #include "Paths.h"
+#include "Utils/vdModule.h"
 
 namespace {
 

@@ -62,10 +62,6 @@ std::wstring fileName(const std::wstring& path) {
     return path.substr(path.find_last_of(L"\\/") + 1); // npos + 1 is 0
 }
 
-std::wstring folderOf(const std::wstring& path) {
-    return path.substr(0, path.size() - fileName(path).size());
-}
-
 std::wstring programPath() {
     std::wstring path(32'768, L'\0');
     path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));

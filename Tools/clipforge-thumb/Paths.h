@@ -8,8 +8,6 @@
 std::wstring fullPath(const std::wstring& path);
 /// What stands behind the last separator.
 std::wstring fileName(const std::wstring& path);
-/// Up to the last separator and with it; empty when there is none.
-std::wstring folderOf(const std::wstring& path);
 /// This program's own file.
 std::wstring programPath();
 /// In bytes; -1 when there is no such file.

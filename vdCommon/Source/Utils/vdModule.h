@@ -12,6 +12,9 @@ HMODULE ownModule() noexcept;
 /// of the asking behind. May throw std::bad_alloc.
 std::wstring ownModulePath();
 
+/// `path` up to its last separator and with it; empty when there is none. May throw std::bad_alloc.
+std::wstring folderOf(const std::wstring& path);
+
 /// This module stays loaded until the process ends, whoever frees it.
 void pinOwnModule() noexcept;
 

@@ -131,7 +131,7 @@ public:
     /// the image's memory could not be read: `status` is then what the request is to end with, or unchanged
     /// when a log line is all there is to it.
     bool CopyMemoryCPUorGPU(void* destination, const void* source, size_t size, bool measure,
-                            vdStatus& status);
+                            vdStatus& status) const;
 
     /// Calls m_listener when one is set; m_mutex must not be held.
     void notifyListener() noexcept;

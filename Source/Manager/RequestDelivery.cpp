@@ -23,7 +23,7 @@ vdStatus vdBRAW_Request::LaunchHeavyProcessing() {
 }
 
 bool vdBRAW_Request::CopyMemoryCPUorGPU(void* destination, const void* source, size_t size, bool measure,
-                                        vdStatus& status) {
+                                        vdStatus& status) const {
     const bool timed = measure && vdLogs(vdLogLevel::info);
     const int64_t start = timed ? monotonicNanoseconds() : 0;
     if (!m_bufferManager->m_isGPU) {

@@ -56,7 +56,9 @@ void Taps::append(double centre, double reach, uint32_t sourceSize) {
     const size_t first = clamped(from);
     m_scratch.assign(clamped(to) - first + 1, 0.0);
     double sum = 0;
-    for (double position = from; position <= to; position += 1) {
+    const auto steps = static_cast<int64_t>(to - from);
+    for (int64_t step = 0; step <= steps; ++step) {
+        const double position = from + static_cast<double>(step);
         const double weight = 1 - std::abs(position - centre) / reach;
         m_scratch[clamped(position) - first] += weight;
         sum += weight;

@@ -14,7 +14,7 @@ constexpr DWORD eventId = 1;
 constexpr size_t longestPath = 30000;
 
 SRWLOCK g_limitLock = SRWLOCK_INIT;
-constinit vdRateLimit g_limit(8, 10 * 60 * 1000);
+constinit vdRateLimit g_limit(8, uint64_t{10} * 60 * 1000);
 
 bool isAdmitted(uint32_t& leftOut) noexcept {
     AcquireSRWLockExclusive(&g_limitLock);

@@ -16,6 +16,7 @@
 
 #include <psapi.h>
 
+#include "ChildProcess.h"
 #include "GuardFailures.h"
 #include "GuardWorkers.h"
 #include "Proof.h"
@@ -290,6 +291,7 @@ void tryKilledHosts(ProofForm form, ProofTally& tally) {
     GuardedShell shell;
     setPolicy(L"WorkerSeconds", 60);
     const std::wstring program = builtFile("bin", L"clipforge-thumb.exe");
+    const std::wstring guard = builtFile("bin", L"Clipforge_Guard.dll");
     const std::wstring clip = shell.questions().good().clip;
     std::mt19937 random(1);
     double longest = 0;
@@ -297,22 +299,14 @@ void tryKilledHosts(ProofForm form, ProofTally& tally) {
         tally.attempt("host " + std::to_string(i), [&]() -> std::string {
             shell.decoder().reset();
             shell.decoder().arm({"IBlackmagicRawCodec::FlushJobs", 0, Kind::hang, 0});
-            std::wstring line = L"host \"" + clip + L"\" --dll \"" +
-                                builtFile("bin", L"Clipforge_Guard.dll").wstring() + L"\"";
-            STARTUPINFOW startup = {};
-            startup.cb = sizeof startup;
-            PROCESS_INFORMATION host = {};
-            CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                           &startup, &host);
-            const bool started = workersBecome(1, 60000, host.dwProcessId);
+            const ChildProcess host(program, {clip, L"--dll", guard});
+            const bool started = workersBecome(1, 60000, host.id());
             Sleep(random() % 200); // it starts, loads, or hangs already
-            TerminateProcess(host.hProcess, 1);
+            host.terminate();
             const ULONGLONG start = GetTickCount64();
-            const bool gone = workersBecome(0, 10000, host.dwProcessId);
+            const bool gone = workersBecome(0, 10000, host.id());
             const auto taken = static_cast<double>(GetTickCount64() - start);
             longest = std::max(longest, taken);
-            CloseHandle(host.hThread);
-            CloseHandle(host.hProcess);
             if (!started || !gone)
                 return started ? "its worker stays" : "it started no worker";
             return taken > 1000 ? "its worker was there for more than a second" : "";

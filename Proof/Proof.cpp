@@ -9,6 +9,8 @@
 
 #include <windows.h>
 
+#include "ChildProcess.h"
+#include "ExceptionText.h"
 #include "ReferenceDecoderControl.h"
 
 namespace {
@@ -28,15 +30,10 @@ void lose(const char* how, UINT exitCode) {
 }
 
 LONG WINAPI reportCrash(EXCEPTION_POINTERS* exception) {
-    const auto* const address = static_cast<const char*>(exception->ExceptionRecord->ExceptionAddress);
-    HMODULE module = nullptr;
-    char name[MAX_PATH] = "?", how[MAX_PATH + 64];
-    GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                       address, &module);
-    GetModuleFileNameA(module, name, MAX_PATH);
-    std::snprintf(how, sizeof how, "crashed with 0x%08lX at offset 0x%llX of %s",
-                  exception->ExceptionRecord->ExceptionCode,
-                  static_cast<unsigned long long>(address - reinterpret_cast<const char*>(module)), name);
+    wchar_t what[256];
+    char how[300];
+    describeException(*exception->ExceptionRecord, what);
+    std::snprintf(how, sizeof how, "crashed: %ls", what);
     lose(how, 3);
     return EXCEPTION_EXECUTE_HANDLER;
 }
@@ -52,16 +49,12 @@ DWORD WINAPI watch(void*) {
 }
 
 /// In the child: makes the attempt, which is told like any other.
-int runChild(const std::string& name, const std::vector<std::string>& arguments) {
-    for (const ProofChild& child : proofChildren())
-        if (name == child.name) {
-            const std::string trouble = child.run(arguments);
-            std::printf("%s%s", trouble.c_str(), trouble.empty() ? "" : "\n");
-            std::fflush(stdout);
-            // Without an orderly end: what was left for good would be taken down under its users.
-            TerminateProcess(GetCurrentProcess(), trouble.empty() ? 0 : 1);
-        }
-    return 2;
+void runChild(const std::vector<std::string>& arguments) {
+    const std::string trouble = tryLastingFault(arguments);
+    std::printf("%s%s", trouble.c_str(), trouble.empty() ? "" : "\n");
+    std::fflush(stdout);
+    // Without an orderly end: what was left for good would be taken down under its users.
+    TerminateProcess(GetCurrentProcess(), trouble.empty() ? 0 : 1);
 }
 
 int usage() {
@@ -91,49 +84,31 @@ std::vector<ProofCheck>& proofChecks() {
     return checks;
 }
 
-std::vector<ProofChild>& proofChildren() {
-    static std::vector<ProofChild> children;
-    return children;
-}
-
-std::string troubleInChild(const ProofChild& child, const std::vector<std::string>& arguments) {
+std::string tryLastingFaultInChild(const std::vector<std::string>& arguments) {
     constexpr DWORD limitMilliseconds = 100'000;
-    char program[MAX_PATH] = {};
-    GetModuleFileNameA(nullptr, program, MAX_PATH);
-    std::string line = "\"" + std::string(program) + "\" --child \"" + child.name + "\"";
+    wchar_t program[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    std::vector<std::wstring> words = {L"--child"};
     for (const std::string& argument : arguments)
-        line += " \"" + argument + "\"";
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    if (!CreateProcessA(program, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
-                        &process))
-        return "no process for it";
-    DWORD exitCode = 0;
-    const bool hasEnded = WaitForSingleObject(process.hProcess, limitMilliseconds) == WAIT_OBJECT_0;
-    if (!hasEnded)
-        TerminateProcess(process.hProcess, 4);
-    WaitForSingleObject(process.hProcess, INFINITE);
-    GetExitCodeProcess(process.hProcess, &exitCode);
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
-    if (!hasEnded)
-        return "its process does not end";
-    return exitCode == 0 ? "" : "its process ended with " + std::to_string(exitCode);
+        words.emplace_back(argument.begin(), argument.end());
+    const ChildProcess process(program, words, GetStdHandle(STD_OUTPUT_HANDLE),
+                               GetStdHandle(STD_ERROR_HANDLE));
+    if (!process.hasEnded(limitMilliseconds))
+        return process.started() == S_OK ? "its process does not end" : "no process for it";
+    return process.exitCode() == 0 ? "" : "its process ended with " + std::to_string(process.exitCode());
 }
 
 int main(int argc, char** argv) {
     ProofForm form = ProofForm::full;
-    std::string only, child;
-    std::vector<std::string> childArguments;
+    std::string only;
+    char** child = nullptr; ///< where its arguments begin
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--brief"))
             form = ProofForm::brief;
         else if (!std::strcmp(argv[i], "--only") && i + 1 < argc)
             only = argv[++i];
-        else if (!std::strcmp(argv[i], "--child") && i + 1 < argc) { // ourselves
-            child = argv[i + 1];
-            childArguments.assign(argv + i + 2, argv + argc);
+        else if (!std::strcmp(argv[i], "--child")) { // ourselves
+            child = argv + i + 1;
             break;
         } else
             return usage();
@@ -141,8 +116,8 @@ int main(int argc, char** argv) {
     SetUnhandledExceptionFilter(reportCrash);
     std::signal(SIGABRT, [](int) { lose("aborted", 3); }); // an exception that nobody took
     CloseHandle(CreateThread(nullptr, 0, watch, nullptr, 0, nullptr));
-    if (!child.empty())
-        return runChild(child, childArguments);
+    if (child != nullptr)
+        runChild(std::vector<std::string>(child, argv + argc));
     auto checks = proofChecks();
     std::erase_if(checks, [&](const ProofCheck& check) { return !only.empty() && only != check.name; });
     if (checks.empty())

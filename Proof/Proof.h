@@ -40,23 +40,16 @@ struct ProofCheck {
     void (*run)(ProofForm form, ProofTally& tally);
 };
 
-/// An attempt that leaves something in its process for good, and so is made in one of its own. `run` gives
-/// what was lost, empty when it was survived.
-struct ProofChild {
-    const char* name;
-    std::string (*run)(const std::vector<std::string>& arguments);
-};
-/// Runs it. The arguments hold no quotes.
-std::string troubleInChild(const ProofChild& child, const std::vector<std::string>& arguments);
+/// An attempt that leaves something in its process for good, and so is made in one of its own: a fault that
+/// lasts. Gives what was lost, empty when it was survived. The arguments hold no quotes.
+std::string tryLastingFault(const std::vector<std::string>& arguments);
+std::string tryLastingFaultInChild(const std::vector<std::string>& arguments);
 
 /// All checks, in the order of their names.
 std::vector<ProofCheck>& proofChecks();
 
-std::vector<ProofChild>& proofChildren();
-
 struct ProofEntry {
     explicit ProofEntry(const ProofCheck& check) { proofChecks().push_back(check); }
-    explicit ProofEntry(const ProofChild& child) { proofChildren().push_back(child); }
 };
 #define PROOF_CHECK(name, what, function)                                                                    \
     static const ProofEntry proofEntryOf_##function(ProofCheck{name, what, function})

@@ -1,27 +1,14 @@
 #include "Scenario.h"
 
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 
+#include "BitmapPixels.h"
 #include "GuardedBitmaps.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-/// Pixels of a thumbnail, top row first; empty when it is no 32-bit bottom-up DIB section.
-std::vector<uint8_t> picturePixels(HBITMAP bitmap) {
-    DIBSECTION section{};
-    if (!isThumbnailBitmap(bitmap, section))
-        return {};
-    const size_t row = static_cast<size_t>(section.dsBmih.biWidth) * 4;
-    const auto rows = static_cast<size_t>(section.dsBmih.biHeight);
-    const auto* const bits = static_cast<const uint8_t*>(section.dsBm.bmBits);
-    std::vector<uint8_t> pixels(row * rows);
-    for (size_t y = 0; y < rows; ++y)
-        std::memcpy(pixels.data() + y * row, bits + (rows - 1 - y) * row, row);
-    return pixels;
-}
 
 /// One thumbnail as the shell asks for it. `onAnswer` is called before anything of ours looks at it.
 ScenarioOutcome takeThumbnail(
@@ -30,7 +17,9 @@ ScenarioOutcome takeThumbnail(
     const ThumbnailAnswer answer = askForThumbnail(clip, size, library);
     onAnswer();
     const HBITMAP bitmap = answer.bitmap.get();
-    ScenarioOutcome outcome{answer.result, bitmap ? picturePixels(bitmap) : std::vector<uint8_t>{}, ""};
+    ScenarioOutcome outcome{answer.result, {}, ""};
+    if (DIBSECTION section{}; bitmap != nullptr && isThumbnailBitmap(bitmap, section))
+        outcome.pixels = readPixels(bitmap, section.dsBmih.biWidth, section.dsBmih.biHeight);
     if (bitmap != nullptr && outcome.pixels.empty())
         outcome.trouble = "the bitmap is no bottom-up DIB section";
     else if ((answer.result == S_OK) != (bitmap != nullptr))
@@ -94,11 +83,28 @@ KnownQuestions::KnownQuestions() {
         m_questions.push_back({good, size, E_FAIL, {}});
 }
 
+ThreadSlots::ThreadSlots() {
+    for (DWORD slot; (slot = FlsAlloc(nullptr)) != FLS_OUT_OF_INDEXES;)
+        m_fiberSlots.push_back(slot);
+    for (DWORD slot; (slot = TlsAlloc()) != TLS_OUT_OF_INDEXES;)
+        m_slots.push_back(slot);
+}
+
+ThreadSlots::~ThreadSlots() {
+    std::ranges::for_each(m_fiberSlots, FlsFree);
+    std::ranges::for_each(m_slots, TlsFree);
+}
+
 bool isDecoderUnloaded() {
     for (int i = 0; i < 400; ++i, Sleep(5))
         if (GetModuleHandleW(L"BlackmagicRawAPI.dll") == nullptr)
             return true;
     return false;
+}
+
+Leftovers::Leftovers() {
+    DeleteDC(CreateCompatibleDC(nullptr)); // with a process's first one come objects of the system's own
+    start();
 }
 
 void Leftovers::start() {
@@ -115,26 +121,6 @@ std::string Leftovers::trouble(bool mayMisuse) const {
     if (const uint32_t now = countGdiObjects(); now != m_gdiObjects)
         return "GDI objects: " + std::to_string(now) + " instead of " + std::to_string(m_gdiObjects);
     return {};
-}
-
-RegistrationKeeper::~RegistrationKeeper() {
-    if (m_before && GetFileAttributesW(m_before->c_str()) != INVALID_FILE_ATTRIBUTES)
-        call(*m_before, "DllRegisterServer");
-}
-
-std::optional<std::wstring> RegistrationKeeper::registeredLibrary() {
-    wchar_t path[1024];
-    DWORD size = sizeof path;
-    const LSTATUS status =
-        RegGetValueW(HKEY_CLASSES_ROOT, L"CLSID\\{5b8e2d41-93c7-4f0a-b6e5-2d17c9a4f380}\\InProcServer32",
-                     nullptr, RRF_RT_REG_SZ, nullptr, path, &size);
-    return status == ERROR_SUCCESS ? std::optional<std::wstring>(path) : std::nullopt;
-}
-
-HRESULT RegistrationKeeper::call(const std::wstring& library, const char* name) {
-    HandlerLibrary handler;
-    const HRESULT loaded = handler.load(library);
-    return loaded == S_OK ? handler.call(name) : loaded;
 }
 
 Scenario::Scenario(ThumbnailScenarioSettings settings) : m_settings(std::move(settings)) {

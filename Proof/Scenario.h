@@ -49,13 +49,26 @@ private:
     std::vector<KnownQuestion> m_questions;
 };
 
+/// Takes all of the process's free slots for what threads keep, of either kind, for as long as it lives.
+class ThreadSlots {
+public:
+    ThreadSlots();
+    ~ThreadSlots();
+    ThreadSlots(const ThreadSlots&) = delete;
+    ThreadSlots& operator=(const ThreadSlots&) = delete;
+    int64_t count() const { return static_cast<int64_t>(m_slots.size()); }
+
+private:
+    std::vector<DWORD> m_fiberSlots, m_slots;
+};
+
 /// Waits until the decoder library is gone, which goes with its last thread; false when it stays.
 bool isDecoderUnloaded();
 
 /// Looks what was left behind since its making or the last start.
 class Leftovers {
 public:
-    Leftovers() { start(); }
+    Leftovers();
     void start();
     /// Empty when all references, resources and GDI objects came back and the decoder library is gone. Whom
     /// the decoder lied to may have passed it wrong arguments.
@@ -65,22 +78,6 @@ public:
 private:
     ReferenceDecoderSession m_decoder;
     uint32_t m_gdiObjects = 0;
-};
-
-/// Puts the registration of the handler back as it was: the prefix is others' too.
-class RegistrationKeeper {
-public:
-    RegistrationKeeper() : m_before(registeredLibrary()) {}
-    ~RegistrationKeeper();
-    RegistrationKeeper(const RegistrationKeeper&) = delete;
-    RegistrationKeeper& operator=(const RegistrationKeeper&) = delete;
-    /// The library that the class is registered with now.
-    static std::optional<std::wstring> registeredLibrary();
-    /// Loads the library for one call of its export without arguments.
-    static HRESULT call(const std::wstring& library, const char* name);
-
-private:
-    std::optional<std::wstring> m_before;
 };
 
 struct ScenarioOutcome {

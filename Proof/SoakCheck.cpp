@@ -28,16 +28,6 @@ constexpr struct {
     {"heap blocks", 32}, {"heap bytes", 16384},     {"private bytes", 2 << 20}};
 using Holdings = std::array<int64_t, holdingCount>;
 
-int64_t countFreeThreadSlots() {
-    std::vector<DWORD> slots;
-    slots.reserve(2048);
-    for (DWORD slot = TlsAlloc(); slot != TLS_OUT_OF_INDEXES; slot = TlsAlloc())
-        slots.push_back(slot);
-    for (const DWORD slot : slots)
-        TlsFree(slot);
-    return static_cast<int64_t>(slots.size());
-}
-
 void addHeap(HANDLE heap, Holdings& holdings) {
     PROCESS_HEAP_ENTRY entry{};
     HeapLock(heap);
@@ -54,7 +44,7 @@ Holdings takeHoldings(uint32_t thumbnails) {
     isDecoderUnloaded();
     Holdings now{};
     now[handles] = countHandles();
-    now[threadSlots] = -countFreeThreadSlots();
+    now[threadSlots] = -ThreadSlots().count();
     now[gdiObjects] = countGdiObjects();
     HMODULE loaded[1024];
     DWORD moduleBytes = 0;

@@ -2,8 +2,6 @@
 
 #include <new>
 
-#include <shlwapi.h>
-
 #include "ClassFactory.h"
 #include "GuardFailures.h"
 #include "Utils/vdFailureEvent.h"
@@ -12,26 +10,6 @@
 
 HRESULT createGuardProvider(REFIID riid, void** ppv) {
     return handOut(new (std::nothrow) CClipforgeGuardProvider, riid, ppv);
-}
-
-IFACEMETHODIMP CClipforgeGuardProvider::QueryInterface(REFIID riid, void** ppv) {
-    if (ppv == nullptr)
-        return E_POINTER;
-    static const QITAB interfaces[] = {QITABENT(CClipforgeGuardProvider, IInitializeWithFile),
-                                       QITABENT(CClipforgeGuardProvider, IThumbnailProvider),
-                                       {nullptr, 0}};
-    return QISearch(this, interfaces, riid, ppv);
-}
-
-IFACEMETHODIMP_(ULONG) CClipforgeGuardProvider::AddRef() {
-    return static_cast<ULONG>(InterlockedIncrement(&m_refCount));
-}
-
-IFACEMETHODIMP_(ULONG) CClipforgeGuardProvider::Release() {
-    const LONG count = InterlockedDecrement(&m_refCount);
-    if (count == 0)
-        delete this;
-    return static_cast<ULONG>(count);
 }
 
 IFACEMETHODIMP CClipforgeGuardProvider::Initialize(LPCWSTR pszFilePath, DWORD) {

@@ -4,10 +4,7 @@
 
 #include <string>
 
-#include <propsys.h>
-#include <thumbcache.h>
-
-#include "ModuleState.h"
+#include "ThumbnailObject.h"
 
 /// The class's ID, as the registry writes it.
 #define GUARD_CLSID_TEXT L"{0c6f4a97-51d2-4e83-a0b9-7be4d25c8a16}"
@@ -16,17 +13,8 @@ inline constexpr CLSID CLSID_ClipforgeGuardProvider = {
     0x0c6f4a97, 0x51d2, 0x4e83, {0xa0, 0xb9, 0x7b, 0xe4, 0xd2, 0x5c, 0x8a, 0x16}};
 
 /// Keeps the clip's path between the shell's calls. One thread at a time uses an object.
-class CClipforgeGuardProvider final : public IInitializeWithFile, public IThumbnailProvider {
+class CClipforgeGuardProvider final : public ThumbnailObject {
 public:
-    /// With one reference, the caller's.
-    CClipforgeGuardProvider() noexcept = default;
-    virtual ~CClipforgeGuardProvider() = default;
-    CClipforgeGuardProvider(const CClipforgeGuardProvider&) = delete;
-    CClipforgeGuardProvider& operator=(const CClipforgeGuardProvider&) = delete;
-
-    IFACEMETHODIMP QueryInterface(REFIID riid, void** ppv) override;
-    IFACEMETHODIMP_(ULONG) AddRef() override;
-    IFACEMETHODIMP_(ULONG) Release() override;
     /// Takes the path, and does not look at the file.
     IFACEMETHODIMP Initialize(LPCWSTR pszFilePath, DWORD grfMode) override;
     /// The handler's picture, kind of alpha and result; see GuardFailures.h for those of the guard itself.
@@ -34,9 +22,7 @@ public:
     IFACEMETHODIMP GetThumbnail(UINT cx, HBITMAP* phbmp, WTS_ALPHATYPE* pdwAlpha) override;
 
 private:
-    volatile LONG m_refCount = 1;
     std::wstring m_path;
-    ModuleLock m_moduleLock;
 };
 
 /// The class factory's way to one.

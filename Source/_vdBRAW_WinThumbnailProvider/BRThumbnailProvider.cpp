@@ -6,7 +6,6 @@
 #include <new>
 
 #include <io.h>
-#include <shlwapi.h>
 
 #include "ClassFactory.h"
 #include "Session.h"
@@ -76,8 +75,7 @@ HRESULT runCore(const std::string& path, UINT size, HBITMAP& bitmap, WTS_ALPHATY
     return hr;
 }
 
-/// With a path of its own: what is served meanwhile may give the object another one.
-HRESULT makeThumbnail(const std::string path, UINT size, HBITMAP& bitmap, WTS_ALPHATYPE& alpha) {
+HRESULT makeThumbnail(const std::string& path, UINT size, HBITMAP& bitmap, WTS_ALPHATYPE& alpha) {
     const std::wstring widePath = utf8ToUtf16(path);
     if (isSparedCloudFile(widePath.c_str()))
         return E_FAIL;
@@ -96,28 +94,14 @@ HRESULT createProvider(REFIID riid, void** ppv) {
     return hr;
 }
 
-IFACEMETHODIMP CClipforgeThumbProvider::QueryInterface(REFIID riid, void** ppv) {
-    if (ppv == nullptr)
-        return E_POINTER;
-    static const QITAB interfaces[] = {QITABENT(CClipforgeThumbProvider, IInitializeWithFile),
-                                       QITABENT(CClipforgeThumbProvider, IThumbnailProvider),
-                                       {nullptr, 0}};
-    return QISearch(this, interfaces, riid, ppv);
-}
-
 IFACEMETHODIMP_(ULONG) CClipforgeThumbProvider::AddRef() {
-    const LONG count = InterlockedIncrement(&m_refCount);
+    const ULONG count = ThumbnailObject::AddRef();
     VD_LOG_INFO("CClipforgeThumbProvider AddRef !");
-    return static_cast<ULONG>(count);
+    return count;
 }
 
-IFACEMETHODIMP_(ULONG) CClipforgeThumbProvider::Release() {
-    const LONG count = InterlockedDecrement(&m_refCount);
-    if (count == 0) {
-        VD_LOG_INFO("Cref == 0 => Deleting CClipforgeThumbProvider");
-        delete this;
-    }
-    return static_cast<ULONG>(count);
+void CClipforgeThumbProvider::onLastRelease() noexcept {
+    VD_LOG_AS(vdLogLevel::info, "Release", "Cref == 0 => Deleting CClipforgeThumbProvider");
 }
 
 CClipforgeThumbProvider::~CClipforgeThumbProvider() {
@@ -147,7 +131,10 @@ IFACEMETHODIMP CClipforgeThumbProvider::GetThumbnail(UINT cx, HBITMAP* phbmp, WT
     VD_LOG_INFO("Getting Thumbnail with size " << cx);
     HRESULT hr = E_POINTER;
     if (phbmp != nullptr && pdwAlpha != nullptr)
-        hr = guardBoundary([&] { return makeThumbnail(m_filepath, cx, *phbmp, *pdwAlpha); });
+        hr = guardBoundary([&] {
+            const std::string path = m_filepath; // what is served meanwhile may give the object another one
+            return makeThumbnail(path, cx, *phbmp, *pdwAlpha);
+        });
     VD_LOG_INFO("End of getting Thumbnail - Returning " << hr);
     return hr;
 }

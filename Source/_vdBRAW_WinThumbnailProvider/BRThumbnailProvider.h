@@ -3,10 +3,7 @@
 
 #include <string>
 
-#include <propsys.h>
-#include <thumbcache.h>
-
-#include "ModuleState.h"
+#include "ThumbnailObject.h"
 
 /// The class's ID, as the registry writes it.
 #define CLIPFORGE_CLSID_TEXT L"{5b8e2d41-93c7-4f0a-b6e5-2d17c9a4f380}"
@@ -16,21 +13,13 @@ inline constexpr CLSID CLSID_ClipforgeThumbProvider = {
 
 /// Keeps the clip's path between the shell's calls; each thumbnail is made from nothing and leaves nothing
 /// behind. One thread at a time uses an object; thumbnails of different objects wait for each other.
-class CClipforgeThumbProvider final : public IInitializeWithFile, public IThumbnailProvider {
+class CClipforgeThumbProvider final : public ThumbnailObject {
 public:
-    /// With one reference, the caller's.
-    CClipforgeThumbProvider() noexcept = default;
-    CClipforgeThumbProvider(const CClipforgeThumbProvider&) = delete;
-    CClipforgeThumbProvider& operator=(const CClipforgeThumbProvider&) = delete;
-
-    IFACEMETHODIMP QueryInterface(REFIID riid, void** ppv) override;
+    ~CClipforgeThumbProvider() override;
     IFACEMETHODIMP_(ULONG) AddRef() override;
-    IFACEMETHODIMP_(ULONG) Release() override;
     /// Takes the path, and succeeds also when the file cannot be read: GetThumbnail is the one to report
     /// that.
     IFACEMETHODIMP Initialize(LPCWSTR pszFilePath, DWORD grfMode) override;
-    virtual ~CClipforgeThumbProvider();
-
     /// A 32-bit bottom-up DIB section, at least `cx` pixels in both directions and of the clip's aspect;
     /// larger than the clip itself it is `cx` by `cx`, the frame centred and the rest transparent. A clip
     /// without frames gives a transparent one. The caller owns the bitmap. E_FAIL while the same thread is in
@@ -38,9 +27,9 @@ public:
     IFACEMETHODIMP GetThumbnail(UINT cx, HBITMAP* phbmp, WTS_ALPHATYPE* pdwAlpha) override;
 
 private:
-    volatile LONG m_refCount = 1;
+    void onLastRelease() noexcept override;
+
     std::string m_filepath; ///< UTF-8
-    ModuleLock m_moduleLock;
 };
 
 /// The class factory's way to one: starts the session first. May throw std::bad_alloc.

@@ -1,31 +1,26 @@
 // A handler in the real one's place, whose clips say by their names what becomes of the process.
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <new>
 #include <string>
 
-#include <propsys.h>
 #include <shlwapi.h>
-#include <thumbcache.h>
 
 #include "ComServer.h"
 #include "HandlerHost.h"
-#include "ModuleState.h"
 #include "StandIn.h"
+#include "ThumbnailObject.h"
 #include "Utils/vdModule.h"
 
 namespace {
-std::wstring folderOfModule() {
-    const std::wstring path = ownModulePath();
-    return path.substr(0, path.find_last_of(L'\\'));
-}
-
 constexpr struct {
     const wchar_t* name;
     void (*deed)();
 } deeds[] = {
-    {L"abort", [] { std::abort(); }},  {L"terminate", [] { TerminateProcess(GetCurrentProcess(), 0); }},
-    {L"exit", [] { ExitProcess(0); }}, {L"hang", [] { Sleep(INFINITE); }},
+    {L"abort", [] { std::abort(); }},
+    {L"terminate", [] { TerminateProcess(GetCurrentProcess(), 0); }},
+    {L"hang", [] { Sleep(INFINITE); }},
     {L"slow", [] { Sleep(300); }},
 };
 
@@ -34,27 +29,13 @@ WorkerFacts facts() {
     GetCurrentDirectoryW(MAX_PATH, folder);
     const auto filter = SetUnhandledExceptionFilter(nullptr);
     SetUnhandledExceptionFilter(filter);
-    return {GetErrorMode(), filter != nullptr, _wcsicmp(folder, folderOfModule().c_str()) == 0,
+    return {GetErrorMode(), filter != nullptr,
+            std::filesystem::equivalent(folder, std::filesystem::path(ownModulePath()).parent_path()),
             GetCurrentProcessId()};
 }
 
-class StandIn final : public IInitializeWithFile, public IThumbnailProvider {
+class StandIn final : public ThumbnailObject {
 public:
-    virtual ~StandIn() = default;
-    IFACEMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-        static const QITAB interfaces[] = {
-            QITABENT(StandIn, IInitializeWithFile), QITABENT(StandIn, IThumbnailProvider), {nullptr, 0}};
-        return QISearch(this, interfaces, riid, ppv);
-    }
-    IFACEMETHODIMP_(ULONG) AddRef() override {
-        return static_cast<ULONG>(InterlockedIncrement(&m_references));
-    }
-    IFACEMETHODIMP_(ULONG) Release() override {
-        const LONG count = InterlockedDecrement(&m_references);
-        if (count == 0)
-            delete this;
-        return static_cast<ULONG>(count);
-    }
     IFACEMETHODIMP Initialize(LPCWSTR path, DWORD) override {
         m_name = PathFindFileNameW(path);
         return S_OK;
@@ -81,9 +62,7 @@ public:
     }
 
 private:
-    volatile LONG m_references = 1;
     std::wstring m_name;
-    ModuleLock m_lock;
 };
 
 HRESULT create(REFIID riid, void** ppv) {
@@ -95,7 +74,8 @@ constexpr ClassRow classes[] = {{&CLSID_ClipforgeThumbnails, create}};
 extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID) {
     if (reason != DLL_PROCESS_ATTACH)
         return TRUE;
-    if (GetFileAttributesW((folderOfModule() + L"\\hang in DllMain").c_str()) != INVALID_FILE_ATTRIBUTES)
+    if (GetFileAttributesW((folderOf(ownModulePath()) + L"hang in DllMain").c_str()) !=
+        INVALID_FILE_ATTRIBUTES)
         Sleep(INFINITE);
     attachServer(module);
     return TRUE;

@@ -3,8 +3,8 @@
 
 #include <span>
 
+#include "Imports.h"
 #include "LogSession.h"
-#include "ProofAllocator.h"
 #include "Utils/vdGuard.h"
 #include "Utils/vdResult.h"
 
@@ -176,23 +176,30 @@ TEST_F(StagesTest, RequestOnAGpuFailsWithTheCodeOfItsStage) {
     expectFaults(true, faults);
 }
 
+decltype(&malloc) g_malloc;
+std::atomic<int64_t> g_left = 0; ///< the allocation that brings it to 0 fails
+
+void* failingMalloc(size_t bytes) {
+    return --g_left == 0 ? nullptr : g_malloc(bytes);
+}
+
 TEST_F(StagesTest, EachAllocationFailsOnce) {
+    const ReplacedImport allocator("malloc", &failingMalloc);
+    g_malloc = allocator.former();
     for (const bool isGpu : {false, true}) {
         auto clip = start(isGpu);
-        int64_t number = 0;
-        do {
-            programAllocator().failures = 0;
-            programAllocator().countdown = ++number;
+        for (int64_t number = 1; g_left <= 0; ++number) {
             std::shared_ptr<TestRequest> request;
+            g_left = number;
             guardBoundary([&] {
                 request = run(*clip);
                 return S_OK;
             });
-            programAllocator().countdown = 0;
+            EXPECT_TRUE(g_left <= 0 || number > 20);
             EXPECT_TRUE(!request || !request->m_isSubmitted || request->m_isFinished) << number;
             EXPECT_EQ(m_manager->FlushQueue(), 0);
-        } while (programAllocator().failures > 0);
-        EXPECT_GT(number, 20);
+        }
+        g_left = 0;
         const auto request = run(*clip);
         EXPECT_EQ(request->m_errorMessage, "");
         EXPECT_EQ(request.use_count(), 1);

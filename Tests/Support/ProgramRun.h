@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include "ChildProcess.h"
 #include "TemporaryFolder.h"
 
 struct ProgramRun {
@@ -28,37 +29,20 @@ inline HANDLE createForChild(const std::filesystem::path& path) {
     return file;
 }
 
-inline std::wstring quoted(const std::wstring& argument) {
-    // A backslash before the closing quote would escape it.
-    const size_t end = argument.find_last_not_of(L'\\') + 1;
-    return L"\"" + argument + std::wstring(argument.size() - end, L'\\') + L"\"";
-}
-
 /// Arguments hold no quotes. A program that runs longer than `limit` is ended and fails the test.
 inline ProgramRun runProgram(const std::filesystem::path& program, const std::vector<std::wstring>& arguments,
                              DWORD limit = 60'000) {
-    std::wstring line = quoted(program.wstring());
-    for (const std::wstring& argument : arguments)
-        line += L" " + quoted(argument);
     const TemporaryFolder folder;
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = createForChild(folder.path() / "output");
-    startup.hStdError = createForChild(folder.path() / "errors");
-    PROCESS_INFORMATION process{};
+    const HANDLE output = createForChild(folder.path() / "output"),
+                 errors = createForChild(folder.path() / "errors");
     ProgramRun run;
-    if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
-                        &process))
-        ADD_FAILURE() << "not started: " << GetLastError();
-    else if (WaitForSingleObject(process.hProcess, limit) != WAIT_OBJECT_0) {
-        ADD_FAILURE() << "still running after " << limit << " ms";
-        TerminateProcess(process.hProcess, ~0u);
-        WaitForSingleObject(process.hProcess, INFINITE);
+    {
+        const ChildProcess process(program.wstring(), arguments, output, errors);
+        EXPECT_TRUE(process.hasEnded(limit)) << "not within " << limit << " ms, or not started";
+        run.exitCode = process.exitCode();
     }
-    GetExitCodeProcess(process.hProcess, &run.exitCode);
-    for (const HANDLE handle : {process.hThread, process.hProcess, startup.hStdOutput, startup.hStdError})
-        CloseHandle(handle);
+    CloseHandle(output);
+    CloseHandle(errors);
     run.output = readFileBytes(folder.path() / "output");
     run.errors = readFileBytes(folder.path() / "errors");
     std::erase(run.output, '\r');

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "BitmapPixels.h"
 #include "GuardedBitmaps.h"
 
 std::filesystem::path testedLibrary() {
@@ -34,20 +35,6 @@ ComPtr<IInitializeWithFile> HandlerModule::provider() const {
     EXPECT_RESULT(S_OK, factory()->CreateInstance(nullptr, IID_PPV_ARGS(&provider)));
     return provider;
 }
-
-namespace {
-/// Which way up a bitmap is, only Windows need know.
-std::vector<uint8_t> readPixels(HBITMAP bitmap, SIZE size) {
-    std::vector<uint8_t> pixels(size_t{4} * static_cast<size_t>(size.cx) * static_cast<size_t>(size.cy));
-    BITMAPINFO info{};
-    info.bmiHeader = {sizeof info.bmiHeader, size.cx, -size.cy, 1, 32};
-    const HDC context = CreateCompatibleDC(nullptr);
-    EXPECT_EQ(size.cy, GetDIBits(context, bitmap, 0, static_cast<UINT>(size.cy), pixels.data(), &info,
-                                 DIB_RGB_COLORS));
-    DeleteDC(context);
-    return pixels;
-}
-} // namespace
 
 void HandlerTest::SetUp() {
     m_decoder.reset();
@@ -97,7 +84,7 @@ Answer HandlerTest::ask(IInitializeWithFile* file, UINT size) {
     if (DIBSECTION section{}; answer.bitmap.get() != nullptr) {
         EXPECT_TRUE(isThumbnailBitmap(answer.bitmap.get(), section));
         answer.size = {section.dsBmih.biWidth, section.dsBmih.biHeight};
-        answer.pixels = readPixels(answer.bitmap.get(), answer.size);
+        answer.pixels = readPixels(answer.bitmap.get(), answer.size.cx, answer.size.cy);
     }
     expectNothingLeft(answer.bitmap.get() != nullptr ? 1 : 0);
     return answer;

@@ -67,6 +67,7 @@ private:
 
 // In this order, with others between them.
 constexpr const char* milestones[] = {
+    "INFO|BRThumbnailProv| AddRef|CClipforgeThumbProvider AddRef !",
     "INFO|BRThumbnailProv| CRecipeThumbProvider_CreateInstance|  - Returning 0",
     "INFO|BRThumbnailProv| Initialize|  - called with : *\\clip.braw",
     "INFO|BRThumbnailProv| Initialize|  - Readable : True",
@@ -85,6 +86,7 @@ constexpr const char* milestones[] = {
     "INFO|Manager        | FindInQueue|[Q-1C0#0I0] Removed Queue, sizes 1,0",
     "INFO|Instance       | Release|BMD Libs Released",
     "INFO|BRThumbnailProv| GetThumbnail|End of getting Thumbnail - Returning 0",
+    "INFO|BRThumbnailProv| Release|Cref == 0 => Deleting CClipforgeThumbProvider",
     "INFO|BRThumbnailProv| ~CClipforgeThumbProvider|CClipforgeThumbProvider Released !",
 };
 

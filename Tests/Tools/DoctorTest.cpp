@@ -147,6 +147,10 @@ const Ailment kAilments[] = {
          CopyFileW((kBinaries / "clipforge-thumb.exe").c_str(), (folder + kWorker).c_str(), FALSE);
      }},
     {L"inner-handler-missing", false, remove(kHandler)},
+    {L"worker-answer", false,
+     [](const std::wstring& folder, auto&) {
+         CopyFileW(builtFile("Tests/Tools/StrangeHandler.dll").c_str(), (folder + kHandler).c_str(), FALSE);
+     }},
     {L"handler-unloadable", false, cut(kGuard, 8192)},
     {L"icons-only", true, set(HKEY_CURRENT_USER, std::wstring(kExplorer) + L"Advanced", L"IconsOnly", 1)},
     {L"policy-thumbnails", false, set(HKEY_CURRENT_USER, kPolicies, L"DisableThumbnails", 1)},

@@ -9,6 +9,7 @@
 #include <regex>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -151,8 +152,16 @@ BOOL WINAPI tellSpace(LPCWSTR root, PULARGE_INTEGER caller, PULARGE_INTEGER tota
 }
 bool g_isWorkstation = false;
 BOOL WINAPI tellProductType(OSVERSIONINFOEXW* wanted, DWORD fields, DWORDLONG conditions) {
-    if (fields != VER_PRODUCT_TYPE) // Windows 10
-        return wanted->dwMajorVersion < 10 || (wanted->dwMajorVersion == 10 && wanted->dwMinorVersion == 0);
+    if (fields != VER_PRODUCT_TYPE) { // Windows 10 SP1, which is asked for three numbers at once
+        DWORDLONG expected = 0;
+        for (const DWORD field :
+             {DWORD{VER_MAJORVERSION}, DWORD{VER_MINORVERSION}, DWORD{VER_SERVICEPACKMAJOR}})
+            expected = VerSetConditionMask(expected, field, VER_GREATER_EQUAL);
+        EXPECT_EQ(conditions, expected);
+        EXPECT_EQ(fields, DWORD{VER_MAJORVERSION | VER_MINORVERSION | VER_SERVICEPACKMAJOR});
+        return std::tuple(10u, 0u, 1u) >=
+               std::tuple(wanted->dwMajorVersion, wanted->dwMinorVersion, wanted->wServicePackMajor);
+    }
     EXPECT_EQ(conditions, VerSetConditionMask(0, VER_PRODUCT_TYPE, VER_EQUAL));
     return g_isWorkstation && wanted->wProductType == VER_NT_WORKSTATION;
 }
@@ -165,6 +174,7 @@ TEST(Logging, HeaderSaysWhatTheMachineSays) {
     const ReplacedImport space("GetDiskFreeSpaceExW", &tellSpace);
     const ReplacedImport type("VerifyVersionInfoW", &tellProductType);
     ASSERT_TRUE(system && memory && drives && space && type);
+    EXPECT_FALSE(isWindowsVersionOrGreater(10, 0, 2));
     std::ostringstream processor;
     writeProcessor(processor, readCpuInfo());
     for (const bool isWorkstation : {false, true}) {

@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include "Adobe/vdHostApp.h"
-#include "Imports.h"
 #include "Utils/vdResult.h"
 #include "Utils/vdSessionHeader.h"
 #include "Utils/vdText.h"
@@ -120,23 +119,6 @@ TEST(SystemInfo, WindowsNames) {
         EXPECT_EQ(describeWindows(isAtLeast, 21999), major >= 10 ? "10 B21999" : name);
         EXPECT_EQ(describeWindows(isAtLeast, 22000), major >= 10 ? "11 B22000" : name);
     }
-}
-
-namespace {
-BOOL WINAPI expectQuestion(OSVERSIONINFOEXW* wanted, DWORD fields, DWORDLONG conditions) {
-    DWORDLONG expected = 0;
-    for (const DWORD field : {DWORD{VER_MAJORVERSION}, DWORD{VER_MINORVERSION}, DWORD{VER_SERVICEPACKMAJOR}})
-        expected = VerSetConditionMask(expected, field, VER_GREATER_EQUAL);
-    EXPECT_EQ(conditions, expected);
-    EXPECT_EQ(fields, DWORD{VER_MAJORVERSION | VER_MINORVERSION | VER_SERVICEPACKMAJOR});
-    return wanted->dwMajorVersion == 6 && wanted->dwMinorVersion == 1 && wanted->wServicePackMajor == 2;
-}
-} // namespace
-
-TEST(SystemInfo, WindowsIsAskedForThreeNumbersAtOnce) {
-    const ReplacedImport verify("VerifyVersionInfoW", &expectQuestion);
-    EXPECT_TRUE(isWindowsVersionOrGreater(6, 1, 2));
-    EXPECT_FALSE(isWindowsVersionOrGreater(6, 2, 1));
 }
 
 TEST(SystemInfo, ProcessorLinesVersionsAndHosts) {

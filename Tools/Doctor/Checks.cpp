@@ -393,6 +393,13 @@ Note checkPicture(const Examination& examination, Findings& findings) {
              L"administrator has blocked.",
              {},
              L""});
+    else if (!hasClip && answer.result != E_FAIL)
+        findings.push_back({L"worker-answer",
+                            L"The handler's worker does not refuse what is no clip: " +
+                                (answer.isGood ? L"it made a picture of it" : answer.trouble) + L".",
+                            L"Install the handler again.",
+                            {},
+                            L""});
     else if (hasClip && !answer.isGood)
         findings.push_back(
             {L"no-picture",

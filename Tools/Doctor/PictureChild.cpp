@@ -2,10 +2,10 @@
 
 #include <chrono>
 
-#include "ChildProcess.h"
 #include "Console.h"
 #include "HandlerHost.h"
 #include "Meanings.h"
+#include "OwnChild.h"
 
 namespace {
 
@@ -30,10 +30,9 @@ PictureAnswer askInChild(const std::wstring& handler, const std::wstring& clip) 
     constexpr DWORD patience = 60'000;
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
-    const std::wstring arguments[] = {L"picture-child", handler, clip};
-    const ChildProcess child(arguments);
+    const OwnChild child({L"picture-child", handler, clip});
     if (!child.hasEnded(patience))
-        return {false, E_FAIL, L"no answer in a minute"};
+        return {false, HRESULT_FROM_WIN32(ERROR_TIMEOUT), L"no answer in a minute"};
     const auto code = static_cast<HRESULT>(child.exitCode());
     PictureAnswer answer{code == kPictureMade, code, L""};
     answer.milliseconds = std::chrono::duration<double, std::milli>(Clock::now() - start).count();

@@ -10,9 +10,9 @@
 #include <windows.h>
 
 #include "BlackmagicRawAPIFile.h"
-#include "ChildProcess.h"
 #include "Console.h"
 #include "LibraryFile.h"
+#include "OwnChild.h"
 #include "Paths.h"
 #include "ProbeMeeting.h"
 #include "ProbeReport.h"
@@ -20,7 +20,6 @@
 
 namespace {
 
-using probe::Outcome;
 using probe::Remedy;
 using probe::Report;
 using probe::Row;
@@ -255,7 +254,7 @@ private:
 
     /// The call that the child did not come back from.
     struct BrokenCall {
-        const Stage* stage = &probe::stages()[0];
+        const Stage* stage = probe::stages().data();
         bool isAwaited =
             false; ///< the library was to make it, while FlushJobs waited or it worked for itself
     };
@@ -313,7 +312,7 @@ private:
     DWORD m_patience;
     const std::function<void(const std::wstring&)>& m_onRow;
     SharedReport m_report;
-    ChildProcess m_child;
+    OwnChild m_child;
     std::set<uint32_t> m_told;
     size_t m_number = 0;
     ProbeOutcome m_outcome;
@@ -382,7 +381,7 @@ int runProbe(Words words) {
 int runProbeChild(Words words) {
     if (words.size() != 4)
         return EXIT_USAGE;
-    const auto section =
+    auto* const section =
         reinterpret_cast<HANDLE>(static_cast<uintptr_t>(std::stoull(std::wstring(words[0]))));
     probe::meetInThisProcess(section, std::wstring(words[1]), std::wstring(words[2]), std::wstring(words[3]));
 }

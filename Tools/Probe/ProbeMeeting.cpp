@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "Console.h"
-#include "CrashReport.h"
+#include "ExceptionText.h"
 #include "PngFile.h"
 
 namespace probe {
@@ -154,7 +154,7 @@ HRESULT Meeting::savePicture() const {
     DIBSECTION section{};
     section.dsBmih.biWidth = static_cast<LONG>(holdings.imageWidth);
     section.dsBmih.biHeight = static_cast<LONG>(holdings.imageHeight);
-    section.dsBm.bmWidthBytes = static_cast<LONG>(holdings.imageWidth * 4);
+    section.dsBm.bmWidthBytes = static_cast<LONG>(holdings.imageWidth) * 4;
     section.dsBm.bmBits = holdings.picture.data();
     return writePng(section, m_picture);
 }
@@ -196,7 +196,7 @@ void meetInThisProcess(HANDLE section, const std::wstring& clip, const std::wstr
                        const std::wstring& picture) {
     void* const view = MapViewOfFile(section, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(Report));
     if (view == nullptr)
-        TerminateProcess(GetCurrentProcess(), EXIT_USAGE);
+        std::_Exit(EXIT_USAGE);
     g_report = static_cast<Report*>(view);
     SetUnhandledExceptionFilter(noteCrash);
     Meeting meeting(*g_report, clip, library, picture);

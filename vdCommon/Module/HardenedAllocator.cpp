@@ -1,52 +1,13 @@
-#include "ProofAllocator.h"
-
+// The hardened build's allocator, in the place of operator new in every module: it guards every block.
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
-#include <malloc.h>
 #include <windows.h>
 
-extern "C" const char __ImageBase[];
-
 namespace {
-
-constinit ProofAllocatorControl g_program{};
-constinit ProofAllocatorControl g_libraries{};
-constinit std::atomic<ProofAllocatorControl*> g_mine{nullptr};
-
-ProofAllocatorControl& findMine() {
-    const HMODULE program = GetModuleHandleW(nullptr);
-    if (reinterpret_cast<const char*>(program) == __ImageBase)
-        return g_program;
-    const auto shared = reinterpret_cast<ProofAllocatorControl* (*)()>(
-        reinterpret_cast<void*>(GetProcAddress(program, "librariesAllocator")));
-    return shared != nullptr ? *shared() : g_libraries;
-}
-
-ProofAllocatorControl& control() {
-    ProofAllocatorControl* mine = g_mine.load(std::memory_order_acquire);
-    if (mine == nullptr)
-        g_mine.store(mine = &findMine(), std::memory_order_release);
-    return *mine;
-}
-
-bool isToFail(ProofAllocatorControl& mine) {
-    ++mine.allocations;
-    bool fails = mine.isEmpty;
-    for (int64_t left = mine.countdown; left > 0 && !fails;)
-        if (mine.countdown.compare_exchange_weak(left, left - 1)) {
-            if (left > 1)
-                break;
-            fails = true;
-            mine.isEmpty = mine.staysEmpty.load();
-        }
-    mine.failures += fails;
-    return fails;
-}
-
-#ifdef CLIPFORGE_HARDENED
 
 // A block ends where an inaccessible page begins, or at most seven bytes before, which then hold a pattern
 // that is looked at when the block is deleted. In front of its pages lies one that tells what it is. A
@@ -115,55 +76,23 @@ void giveBlock(void* block) {
         VirtualFree(oldest, 0, MEM_RELEASE);
 }
 
-#else
-
-/// Every block is taken by its alignment, so that every form of delete can give it back.
-void* takeBlock(size_t bytes, size_t alignment) {
-    return _aligned_malloc(std::max<size_t>(bytes, 1), alignment);
-}
-
-void giveBlock(void* block) {
-    _aligned_free(block);
-}
-
-#endif
-
-void* allocate(size_t bytes, size_t alignment) {
-    ProofAllocatorControl& mine = control();
-    void* const block = isToFail(mine) ? nullptr : takeBlock(bytes, alignment);
-    if (block == nullptr)
-        throw std::bad_alloc();
-    ++mine.liveBlocks;
-    return block;
-}
-
-void release(void* block) noexcept {
-    if (block == nullptr)
-        return;
-    --control().liveBlocks;
-    giveBlock(block);
-}
-
 } // namespace
 
-ProofAllocatorControl& programAllocator() {
-    return g_program;
-}
-
-ProofAllocatorControl* librariesAllocator() {
-    return &g_libraries;
-}
-
 // The standard library's other forms, for arrays, without exceptions and with sizes, all lead here.
-void* operator new(size_t bytes) {
-    return allocate(bytes, __STDCPP_DEFAULT_NEW_ALIGNMENT__);
-}
 void* operator new(size_t bytes, std::align_val_t alignment) {
-    return allocate(bytes, static_cast<size_t>(alignment));
+    // Whoever lets the C runtime's memory run out means this memory, too.
+    void* const volatile asked = malloc(1);
+    free(asked);
+    void* const block = asked ? takeBlock(bytes, static_cast<size_t>(alignment)) : nullptr;
+    return block ? block : throw std::bad_alloc();
+}
+void* operator new(size_t bytes) {
+    return operator new (bytes, std::align_val_t{__STDCPP_DEFAULT_NEW_ALIGNMENT__});
 }
 void operator delete(void* block) noexcept {
-    release(block);
+    if (block != nullptr)
+        giveBlock(block);
 }
 void operator delete(void* block, std::align_val_t) noexcept {
-    release(block);
+    operator delete(block);
 }

@@ -1,10 +1,11 @@
-// Memory runs out for good: from one allocation of the handler's on, its loading included, none succeeds
-// until the shell has its answer. Not only what `new` takes: what the C++ runtime takes to begin with, to
-// lock and to throw, too. And no thread has a slot left for it.
+// Memory runs out: one allocation of the handler's fails, its loading included, or from it on all do until
+// the shell has its answer. Not only what `new` takes: what the C++ runtime takes to begin with, to lock and
+// to throw, too. And no thread has a slot left for it.
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,22 +17,32 @@
 namespace {
 
 std::atomic<int64_t> g_allocations = 0, g_firstToFail = 0; ///< 0: none fails
+std::atomic<int64_t> g_blocks = 0;                         ///< that have not come back
+bool g_comesBack = false;                                  ///< the first to fail is the only one
 
 bool isGone() {
-    const int64_t first = g_firstToFail;
-    const bool gone = first > 0 && ++g_allocations >= first;
+    const int64_t first = g_firstToFail, number = first > 0 ? ++g_allocations : 0;
+    const bool gone = first > 0 && (g_comesBack ? number == first : number >= first);
     if (gone)
         errno = ENOMEM;
     return gone;
 }
+void* counted(void* block) {
+    g_blocks += block != nullptr;
+    return block;
+}
 void* mallocUntilGone(size_t bytes) {
-    return isGone() ? nullptr : malloc(bytes);
+    return isGone() ? nullptr : counted(malloc(bytes));
 }
 void* callocUntilGone(size_t count, size_t bytes) {
-    return isGone() ? nullptr : calloc(count, bytes);
+    return isGone() ? nullptr : counted(calloc(count, bytes));
 }
 void* reallocUntilGone(void* block, size_t bytes) {
-    return isGone() ? nullptr : realloc(block, bytes);
+    return block == nullptr ? mallocUntilGone(bytes) : isGone() ? nullptr : realloc(block, bytes);
+}
+void freeCounted(void* block) {
+    g_blocks -= block != nullptr;
+    free(block);
 }
 
 /// Has libraries that are loaded from now on find other allocators in the C runtime: by its table of exports,
@@ -50,6 +61,7 @@ public:
         replace("malloc", reinterpret_cast<void*>(&mallocUntilGone));
         replace("calloc", reinterpret_cast<void*>(&callocUntilGone));
         replace("realloc", reinterpret_cast<void*>(&reallocUntilGone));
+        replace("free", reinterpret_cast<void*>(&freeCounted));
     }
     RuntimeExports(const RuntimeExports&) = delete;
     RuntimeExports& operator=(const RuntimeExports&) = delete;
@@ -92,64 +104,56 @@ private:
     std::vector<Entry> m_entries;
 };
 
-/// All of the process's slots for what threads keep, of either kind.
-class ThreadSlots {
-public:
-    void take() {
-        for (DWORD slot = FlsAlloc(nullptr); slot != FLS_OUT_OF_INDEXES; slot = FlsAlloc(nullptr))
-            m_fiberSlots.push_back(slot);
-        for (DWORD slot = TlsAlloc(); slot != TLS_OUT_OF_INDEXES; slot = TlsAlloc())
-            m_slots.push_back(slot);
-    }
-    void giveBack() {
-        for (const DWORD slot : std::exchange(m_fiberSlots, {}))
-            FlsFree(slot);
-        for (const DWORD slot : std::exchange(m_slots, {}))
-            TlsFree(slot);
-    }
-
-private:
-    std::vector<DWORD> m_fiberSlots, m_slots;
-};
-
 constexpr int64_t endless = 100'000;
 
+struct Road {
+    const char* folder;
+    const char* what = "no memory from";
+    UINT size = 64;
+    bool hasSlots = true, comesBack = false;
+    int64_t step = 1;
+};
+
 /// Each number in a run of its own, until one is so large that nothing fails.
-void tryRoad(const char* folder, bool withSlots, int64_t step, ProofTally& tally) {
+void tryRoad(const Road& road, ProofTally& tally) {
     RuntimeExports exports;
-    ThreadSlots slots;
+    std::optional<ThreadSlots> slots;
     bool isSwapped = false;
     const auto swapIf = [&](bool is) {
         if (std::exchange(isSwapped, is) != is)
             exports.swap();
     };
-    const auto scenario =
-        makeThumbnailScenario({.handler = builtFile(folder), .unloadEachRun = true, .onLoad = [&](HMODULE) {
-                                   swapIf(false);
-                               }}); // the decoder keeps its own
-    tally.attempt(std::string(folder) + ", with memory", [&] { return scenario->troubleInGoodRun(); });
+    const auto scenario = makeThumbnailScenario(
+        {.handler = builtFile(road.folder), .size = road.size, .unloadEachRun = true, .onLoad = [&](HMODULE) {
+             swapIf(false);
+         }}); // the decoder keeps its own
+    g_comesBack = road.comesBack;
+    tally.attempt(std::string(road.folder) + ", with memory", [&] { return scenario->troubleInGoodRun(); });
     bool reached = true;
-    for (int64_t number = 1; reached && number < endless; number += step)
-        tally.attempt(std::string(folder) + (withSlots ? "" : ", without thread slots") +
-                          ", no memory from allocation " + std::to_string(number) + " on",
+    for (int64_t number = 1; reached && number < endless; number += road.step)
+        tally.attempt(std::string(road.folder) + ", size " + std::to_string(road.size) + ", " + road.what +
+                          " allocation " + std::to_string(number),
                       [&] {
                           scenario->onStart = [&] {
-                              if (!withSlots)
-                                  slots.take();
+                              if (!road.hasSlots)
+                                  slots.emplace();
                               swapIf(true);
-                              g_allocations = 0;
+                              g_allocations = g_blocks = 0;
                               g_firstToFail = number;
                           };
                           scenario->onEnd = [&] {
                               g_firstToFail = 0;
                               swapIf(false);
-                              slots.giveBack();
+                              slots.reset();
                           };
                           const ScenarioOutcome outcome = scenario->run();
                           scenario->onStart = scenario->onEnd = [] {};
                           reached = g_allocations >= number;
-                          return scenario->orTroubleInNextRun(scenario->troubleAfter(
-                              outcome, reached ? Expected::rightIfAny : Expected::picture));
+                          std::string trouble = scenario->troubleAfter(outcome, reached ? Expected::rightIfAny
+                                                                                        : Expected::picture);
+                          if (g_blocks != 0 && trouble.empty())
+                              trouble = std::to_string(g_blocks) + " blocks were not given back";
+                          return scenario->orTroubleInNextRun(trouble);
                       });
 }
 
@@ -172,19 +176,26 @@ void tryThreads(ProofTally& tally) {
         });
 }
 
-void run(ProofForm form, ProofTally& tally) {
+void runOutForGood(ProofForm form, ProofTally& tally) {
     tryThreads(tally);
     const TemporaryFolder home;
     const EnvironmentVariable profile(L"USERPROFILE", home.path().c_str());
     const std::string settings = home.text("AppData\\Roaming\\Verdane\\Clipforge");
     std::filesystem::create_directories(settings);
     writeFileBytes(settings + "\\Clipforge_options.ini", "[General]\nlogging = INFO\n");
-    for (const bool withSlots : {true, false}) {
-        tryRoad("bin", withSlots, 1, tally);
-        tryRoad("logging", withSlots, form == ProofForm::full ? 7 : 101, tally);
-    }
+    const int64_t step = form == ProofForm::full ? 7 : 101;
+    const char* const without = "no thread slots, and no memory from";
+    for (const Road& road : {Road{"bin"}, Road{.folder = "logging", .step = step},
+                             Road{.folder = "bin", .what = without, .hasSlots = false},
+                             Road{.folder = "logging", .what = without, .hasSlots = false, .step = step}})
+        tryRoad(road, tally);
 }
+PROOF_CHECK("memory gone", "from each allocation on all fail, with and without thread slots", runOutForGood);
 
-PROOF_CHECK("memory gone", "from each allocation on all fail, with and without thread slots", run);
+void failOnce(ProofForm, ProofTally& tally) {
+    for (const UINT size : {64u, 200u})
+        tryRoad({.folder = "bin", .what = "no memory for", .size = size, .comesBack = true}, tally);
+}
+PROOF_CHECK("allocations", "each allocation fails once, on every thread", failOnce);
 
 } // namespace

@@ -1,11 +1,12 @@
 #include "ChildProcess.h"
 
-#include "Console.h"
-#include "Paths.h"
-
 namespace {
 
+constexpr UINT terminatedCode = 1;
+
 std::wstring quoted(const std::wstring& text) {
+    if (!text.empty() && text.find_first_of(L" \t") == std::wstring::npos)
+        return text;
     // A backslash before the closing quote would escape it.
     const size_t end = text.find_last_not_of(L'\\') + 1;
     return L"\"" + text + std::wstring(text.size() - end, L'\\') + L"\"";
@@ -13,20 +14,21 @@ std::wstring quoted(const std::wstring& text) {
 
 } // namespace
 
-ChildProcess::ChildProcess(std::span<const std::wstring> arguments)
+ChildProcess::ChildProcess(const std::wstring& program, const std::vector<std::wstring>& arguments,
+                           HANDLE output, HANDLE errors)
     : m_job(CreateJobObjectW(nullptr, nullptr)) {
-    const std::wstring program = programPath();
     std::wstring line = quoted(program);
     for (const std::wstring& argument : arguments)
         line += L" " + quoted(argument);
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = output;
+    startup.hStdError = errors;
     if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE,
                         CREATE_SUSPENDED | CREATE_NO_WINDOW, nullptr, nullptr, &startup, &m_process)) {
-        const HRESULT result = lastError();
-        CloseHandle(m_job);
-        throw CommandError(L"a child process cannot be started: " + describe(result));
+        m_started = HRESULT_FROM_WIN32(GetLastError());
+        return;
     }
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
     limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
@@ -37,9 +39,9 @@ ChildProcess::ChildProcess(std::span<const std::wstring> arguments)
 
 ChildProcess::~ChildProcess() {
     terminate();
-    CloseHandle(m_process.hThread);
-    CloseHandle(m_process.hProcess);
-    CloseHandle(m_job);
+    for (const HANDLE handle : {m_process.hThread, m_process.hProcess, m_job})
+        if (handle != nullptr)
+            CloseHandle(handle);
 }
 
 bool ChildProcess::hasEnded(DWORD milliseconds) const {
@@ -47,12 +49,12 @@ bool ChildProcess::hasEnded(DWORD milliseconds) const {
 }
 
 void ChildProcess::terminate() const {
-    TerminateProcess(m_process.hProcess, EXIT_FAILED);
+    TerminateProcess(m_process.hProcess, terminatedCode);
     WaitForSingleObject(m_process.hProcess, 2'000);
 }
 
 DWORD ChildProcess::exitCode() const {
-    DWORD code = 0;
+    DWORD code = ~0u;
     GetExitCodeProcess(m_process.hProcess, &code);
     return code;
 }

@@ -1,0 +1,33 @@
+// Another process, for work that may end it or never end.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <windows.h>
+
+class ChildProcess {
+public:
+    /// The arguments hold no quotes (no Windows path does). The child gets no window, these files for what it
+    /// writes, and every inheritable handle. It ends with this object at the latest, and with this process
+    /// where the system allows that.
+    ChildProcess(const std::wstring& program, const std::vector<std::wstring>& arguments,
+                 HANDLE output = nullptr, HANDLE errors = nullptr);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    /// S_OK, or why there is no child: it never ends then.
+    HRESULT started() const { return m_started; }
+    bool hasEnded(DWORD milliseconds) const;
+    /// Waits for its end, too.
+    void terminate() const;
+    /// Of a child that has ended.
+    DWORD exitCode() const;
+    DWORD id() const { return m_process.dwProcessId; }
+
+private:
+    HANDLE m_job;
+    PROCESS_INFORMATION m_process{};
+    HRESULT m_started = S_OK;
+};

@@ -79,8 +79,11 @@ constexpr const char* milestones[] = {
     "INFO|Clip           | openAndInit|    - 8x4",
     "INFO|Request        | setScaleAndDimensions|[Q-1C*#0I0] Dimensions - In 32x16 - Full 64x32 - Scale half "
     "- Downscale 0",
+    "INFO|brBufferManager| createReadJob|[Q-1C0#0I0]  - Allocating New Buffer for m_bitStream *",
     "INFO|Manager        | AddProcessFrameAsync|[Q-1C0#0I0] Submitting Job",
     "INFO|Callback       | ReadComplete|[Q-1C0#0I0] ReadComplete  dt * us",
+    "INFO|brBufferManager| populateFrameStateBuffer|[Q-1C0#0I0]  - Allocating New Buffer for m_frameState *",
+    "INFO|brBufferManager| createDecodeJob|[Q-1C0#0I0]  - Allocating New Buffer for m_decodedBuffer *",
     "INFO|Callback       | DecodeComplete|[Q-1C0#0I0] DecodeComplete dt * us",
     "INFO|Callback       | ProcessComplete|[Q-1C0#0I0] ProcessComplete  dt * us",
     "INFO|Manager        | FindInQueue|[Q-1C0#0I0] Removed Queue, sizes 1,0",

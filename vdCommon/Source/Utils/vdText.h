@@ -1,4 +1,4 @@
-// Text conversion, and character-level helpers on UTF-8 text.
+// Text conversion, and helpers for UTF-8 text.
 //
 // Inside the product every text is UTF-8; it becomes UTF-16 at each Windows call. Conversions read up to the
 // first terminating zero and give an empty text for empty or unconvertible input. All may throw
@@ -13,21 +13,10 @@
 std::wstring utf8ToUtf16(std::string_view utf8);
 /// An unpaired surrogate becomes U+FFFD, as Windows' own conversion does.
 std::string utf16ToUtf8(std::wstring_view utf16);
-/// From the system's ANSI code page.
-std::wstring ansiToUtf16(std::string_view ansi);
 
-/// The character-level helpers serve all hosts of the foundation; this one needs a few of them.
-///
-/// Positions and counts below are characters: one UTF-8 sequence each, its length given by its lead byte. An
-/// invalid lead byte, a terminating zero, or a sequence that the text's end cuts, ends the counting.
+/// In characters: one UTF-8 sequence each, its length given by its lead byte. An invalid lead byte, a
+/// terminating zero, or a sequence that the text's end cuts, ends the counting.
 int charCount(std::string_view text);
-/// The character at `position`, empty when there is none.
-std::string charAt(std::string_view text, int position);
-/// Up to `count` characters from `position` on.
-std::string substrChars(std::string_view text, int position, int count);
-/// Character position of the first or last occurrence of `piece`, or -1. An empty piece occurs nowhere.
-int findFirst(std::string_view text, std::string_view piece);
-int findLast(std::string_view text, std::string_view piece);
 std::string replaceAll(std::string_view text, std::string_view piece, std::string_view replacement);
 
 /// Length in bytes of the UTF-8 sequence that `leadByte` starts, 0 when it starts none.

@@ -72,14 +72,15 @@ public:
     std::string ask(std::optional<HRESULT> orFailure = {}) {
         return m_questions.good().trouble(&m_library, orFailure);
     }
-    /// All calls of a good thumbnail, the library's loading and unloading among them.
-    std::vector<ReferenceDecoderCall> crossings() {
+    /// The calls of a good thumbnail, the library's loading and unloading among them: all, or three.
+    std::vector<ReferenceDecoderCall> crossings(ProofForm form) {
         m_decoder.reset();
         ask();
         std::vector<ReferenceDecoderCall> calls = m_decoder.recording();
         calls.insert(calls.begin(), {"DllMain::attach", 1});
         calls.push_back({"DllMain::detach", 1});
-        return calls;
+        return form == ProofForm::full ? calls
+                                       : std::vector{calls.front(), calls[calls.size() / 2], calls.back()};
     }
     /// The fault costs this thumbnail at most; the next one is right, and nothing is left behind.
     std::string troubleWith(const ReferenceDecoderFault& fault, HRESULT expected) {
@@ -137,7 +138,7 @@ void tryCrashes(ProofForm form, ProofTally& tally) {
                    {"exception on a thread", Kind::exceptionOnThread}};
     const size_t sample = form == ProofForm::full ? 1 : 37;
     GuardedShell shell;
-    const std::vector<ReferenceDecoderCall> calls = shell.crossings();
+    const std::vector<ReferenceDecoderCall> calls = shell.crossings(ProofForm::full);
     shell.troubleWith({calls[1].name, 1, Kind::terminate, 1},
                       GUARD_E_WORKER_DIED); // the first costs a bit more
     std::vector<double> milliseconds;
@@ -160,13 +161,13 @@ PROOF_CHECK("guard crash", "the decoder crashes in a worker, at each call", tryC
 void tryHangs(ProofForm form, ProofTally& tally) {
     GuardedShell shell;
     setPolicy(L"WorkerSeconds", 1);
-    const std::vector<ReferenceDecoderCall> calls = shell.crossings();
+    const std::vector<ReferenceDecoderCall> calls = shell.crossings(form);
     shell.library().call("DllCanUnloadNow"); // the next worker knows its time
     std::vector<double> milliseconds;
-    for (size_t i = 0; i < calls.size(); i += form == ProofForm::full ? 1 : (calls.size() - 1) / 2)
-        tally.attempt(nameOf(calls[i], "hangs"), [&] {
-            const std::string trouble = shell.troubleWith({calls[i].name, calls[i].occurrence, Kind::hang, 0},
-                                                          GUARD_E_WORKER_TIMED_OUT);
+    for (const ReferenceDecoderCall& call : calls)
+        tally.attempt(nameOf(call, "hangs"), [&] {
+            const std::string trouble =
+                shell.troubleWith({call.name, call.occurrence, Kind::hang, 0}, GUARD_E_WORKER_TIMED_OUT);
             milliseconds.push_back(shell.lastMilliseconds);
             return trouble.empty() && milliseconds.back() > 3000 ? "the answer came late" : trouble;
         });
@@ -189,11 +190,11 @@ void tryMemory(ProofForm form, ProofTally& tally) {
     shell.library().call("DllCanUnloadNow"); // the next worker knows its limit
     const bool isLimited = isMemoryLimited();
     std::printf("  %s\n", isLimited ? "all the memory there is" : "100 MiB: nothing limits a process here");
-    const std::vector<ReferenceDecoderCall> calls = shell.crossings();
-    for (size_t i = 0; i < calls.size(); i += form == ProofForm::full ? 1 : (calls.size() - 1) / 2)
-        tally.attempt(nameOf(calls[i], "eats memory"), [&]() -> std::string {
+    const std::vector<ReferenceDecoderCall> calls = shell.crossings(form);
+    for (const ReferenceDecoderCall& call : calls)
+        tally.attempt(nameOf(call, "eats memory"), [&]() -> std::string {
             const std::vector<DWORD> before = childProcesses(workerName);
-            const ReferenceDecoderFault fault{calls[i].name, calls[i].occurrence, Kind::eatMemory,
+            const ReferenceDecoderFault fault{call.name, call.occurrence, Kind::eatMemory,
                                               isLimited ? 100000 : 100};
             std::string trouble = shell.troubleWith(fault, E_FAIL);
             for (const HRESULT other : {E_OUTOFMEMORY, E_UNEXPECTED, GUARD_E_WORKER_DIED})

@@ -41,16 +41,6 @@ std::string resultText(HRESULT result) {
     return text;
 }
 
-std::vector<uint8_t> expectedPicture(const TestClip& clip, uint32_t factor) {
-    std::vector<uint8_t> pixels;
-    for (uint32_t y = 0; y < expectedSide(clip.height, factor); ++y)
-        for (uint32_t x = 0; x < expectedSide(clip.width, factor); ++x) {
-            const auto pixel = expectedPixel(clip, factor, x, y);
-            pixels.insert(pixels.end(), pixel.begin(), pixel.end());
-        }
-    return pixels;
-}
-
 std::string KnownQuestion::trouble(const HandlerLibrary* library, std::optional<HRESULT> orFailure) const {
     const ScenarioOutcome answer = takeThumbnail(clip, size, library);
     if (answer.result == orFailure && answer.pixels.empty())

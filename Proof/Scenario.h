@@ -22,9 +22,6 @@ std::filesystem::path builtFile(const char* folder, const wchar_t* name = L"Clip
 /// "0x80004005"
 std::string resultText(HRESULT result);
 
-/// Blue, green, red and alpha of all pixels, top row first: the clip's frame decoded at 1/factor.
-std::vector<uint8_t> expectedPicture(const TestClip& clip, uint32_t factor);
-
 /// A question to the handler and its only right answer.
 struct KnownQuestion {
     std::wstring clip;

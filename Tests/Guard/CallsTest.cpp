@@ -8,6 +8,7 @@
 #include <iterator>
 #include <vector>
 
+#include "GuardFailures.h"
 #include "Imports.h"
 #include "Transport.h"
 
@@ -24,6 +25,7 @@ struct Calls {
     DWORD noChildProcesses = 0;
     DWORD integrity = 0;
     bool refuseJob = false;
+    int startsToFail = 0;
     int events = 0;
     SIZE_T committed = 0;
     int waitsForAnEnd = 0;
@@ -53,6 +55,8 @@ BOOL WINAPI start(LPCWSTR program, LPWSTR line, LPSECURITY_ATTRIBUTES a, LPSECUR
                   BOOL inherits, DWORD flags, LPVOID environment, LPCWSTR folder, LPSTARTUPINFOW startup,
                   LPPROCESS_INFORMATION process) {
     recordStart(L"start", program, line, inherits, flags, folder);
+    if (g_calls.startsToFail-- > 0)
+        return FALSE;
     return CreateProcessW(program, line, a, b, inherits, flags, environment, folder, startup, process);
 }
 
@@ -172,6 +176,14 @@ TEST_F(CallsTest, ARefusedJobIsNoReasonToStop) {
     g_calls.refuseJob = true;
     expectPicture();
     EXPECT_EQ((std::vector<std::string>{"start", "assign", "resume"}), g_calls.order);
+}
+
+TEST_F(CallsTest, AStartThatFailsIsTriedOnceMore) {
+    g_calls.startsToFail = 1;
+    expectPicture();
+    m_library->call("DllCanUnloadNow"); // the next question needs another one
+    g_calls.startsToFail = 2;
+    EXPECT_RESULT(GUARD_E_WORKER_NOT_STARTED, resultOf(L"good"));
 }
 
 TEST_F(CallsTest, WhatTheGuardItselfFailsLeavesAnEvent) {

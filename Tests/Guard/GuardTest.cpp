@@ -43,6 +43,13 @@ TEST_F(GuardTest, AHangEndsWithItsTime) {
     EXPECT_RESULT(GUARD_E_PAUSE, resultOf(L"good")) << "but the third death in a row";
 }
 
+TEST_F(GuardTest, AWorkerThatWouldHangWithTheNextQuestionLeaves) {
+    expectPicture();
+    EXPECT_RESULT(S_OK, resultOf(L"stuck"));
+    expectPicture();
+    EXPECT_TRUE(workersBecome(1)) << "the other one";
+}
+
 TEST_F(GuardTest, AKillerIsAskedAgainOnceItHasChanged) {
     writeFileBytes(inside(L"abort"), "x");
     EXPECT_RESULT(GUARD_E_WORKER_DIED, resultOf(L"abort"));
@@ -150,6 +157,14 @@ TEST_F(GuardTest, IdleWorkersGoAndOthersCome) {
     expectPicture();
     EXPECT_TRUE(workersBecome(0));
     EXPECT_LE(990u, GetTickCount64() - start);
+    expectPicture();
+    // Ended by somebody while it was idle: nobody's fault, and nobody notices.
+    for (const DWORD worker : childProcesses(workerName)) {
+        const HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, worker);
+        TerminateProcess(process, 1);
+        WaitForSingleObject(process, INFINITE);
+        CloseHandle(process);
+    }
     expectPicture();
 }
 

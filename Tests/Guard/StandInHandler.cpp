@@ -1,4 +1,5 @@
 // A handler in the real one's place, whose clips say by their names what becomes of the process.
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -14,6 +15,21 @@
 #include "Utils/vdModule.h"
 
 namespace {
+/// As a library does that hangs while it unloads, on a thread of its own.
+void holdLoaderLock() {
+    static std::atomic<bool> isHeld = false;
+    const auto hold = [](void*) -> DWORD {
+        ULONG_PTR cookie = 0;
+        exportOf<LONG(WINAPI*)(ULONG, ULONG*, ULONG_PTR*)>(GetModuleHandleW(L"ntdll.dll"),
+                                                           "LdrLockLoaderLock")(0, nullptr, &cookie);
+        isHeld = true;
+        Sleep(INFINITE);
+        return 0;
+    };
+    for (CloseHandle(CreateThread(nullptr, 0, hold, nullptr, 0, nullptr)); !isHeld;)
+        Sleep(1);
+}
+
 constexpr struct {
     const wchar_t* name;
     void (*deed)();
@@ -36,6 +52,10 @@ WorkerFacts facts() {
 
 class StandIn final : public ThumbnailObject {
 public:
+    ~StandIn() override {
+        if (m_name.starts_with(L"stuck"))
+            holdLoaderLock();
+    }
     IFACEMETHODIMP Initialize(LPCWSTR path, DWORD) override {
         m_name = PathFindFileNameW(path);
         return S_OK;

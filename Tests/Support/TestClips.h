@@ -8,6 +8,8 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 /// A clip's description. Its picture differs from itself mirrored either way and in every channel: red grows
 /// to the right, green downwards, blue is a fine pattern that moves from frame to frame.
@@ -113,4 +115,18 @@ inline std::array<uint8_t, 4> expectedPixel(const TestClip& clip, uint32_t facto
             scaledSample(expectedSample(clip, factor, column, row, channel, frame), clip.maximum, 255));
     };
     return {value(2), value(1), value(0), 255};
+}
+
+/// All pixels of that picture, top row first.
+inline std::vector<uint8_t> expectedPicture(const TestClip& clip, uint32_t factor) {
+    uint32_t width = expectedSide(clip.width, factor), height = expectedSide(clip.height, factor);
+    if (clip.swapsSides())
+        std::swap(width, height);
+    std::vector<uint8_t> pixels;
+    for (uint32_t y = 0; y < height; ++y)
+        for (uint32_t x = 0; x < width; ++x) {
+            const auto pixel = expectedPixel(clip, factor, x, y);
+            pixels.insert(pixels.end(), pixel.begin(), pixel.end());
+        }
+    return pixels;
 }

@@ -303,8 +303,8 @@ void tryKilledHosts(ProofForm form, ProofTally& tally) {
             const ChildProcess host(program, {clip, L"--dll", guard});
             const bool started = workersBecome(1, 60000, host.id());
             Sleep(random() % 200); // it starts, loads, or hangs already
-            host.terminate();
             const ULONGLONG start = GetTickCount64();
+            host.terminate();
             const bool gone = workersBecome(0, 10000, host.id());
             const auto taken = static_cast<double>(GetTickCount64() - start);
             longest = std::max(longest, taken);

@@ -1,7 +1,7 @@
 // The proof that nothing which the decoder, the machine or a file does can hurt the process we run in.
 //
 // A check tries one kind of trouble many times over and counts; the program prints a table of them all. Each
-// check stands in a file of its own and enters itself with a PROOF_CHECK line.
+// subject stands in a file of its own, whose checks enter themselves with a PROOF_CHECK line.
 #pragma once
 
 #include <cstdint>

@@ -53,7 +53,7 @@ public:
     ~ThreadSlots();
     ThreadSlots(const ThreadSlots&) = delete;
     ThreadSlots& operator=(const ThreadSlots&) = delete;
-    int64_t count() const { return static_cast<int64_t>(m_slots.size()); }
+    int64_t count() const { return static_cast<int64_t>(m_fiberSlots.size() + m_slots.size()); }
 
 private:
     std::vector<DWORD> m_fiberSlots, m_slots;

@@ -20,7 +20,10 @@ constexpr uint32_t seed = 20'200'517;
 /// What the threads share.
 class Work {
 public:
-    explicit Work(ProofTally& tally) : m_tally(tally) {}
+    explicit Work(ProofTally& tally) : m_tally(tally) {
+        for (const wchar_t* name : {L"BlackmagicRawAPI.dll", L"Clipforge_Thumbnails.dll"})
+            fs::copy_file(builtFile("bin", name), m_folder.path() / name);
+    }
     void run(uint32_t rounds) {
         ReferenceDecoderSession decoder;
         decoder.reset();
@@ -66,9 +69,6 @@ private:
 
     /// Loads the handler, asks, and unloads it: the only user of its copy, so that it truly goes each time.
     void comeAndGo(Random& random) {
-        for (const wchar_t* name : {L"BlackmagicRawAPI.dll", L"Clipforge_Thumbnails.dll"})
-            fs::copy_file(builtFile("bin", name), m_folder.path() / name,
-                          fs::copy_options::overwrite_existing);
         const fs::path own = (m_folder.path() / "Clipforge_Thumbnails.dll").make_preferred();
         for (uint32_t i = 0; i < m_rounds; ++i) {
             HandlerLibrary library;

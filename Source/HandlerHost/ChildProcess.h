@@ -20,9 +20,9 @@ public:
     /// S_OK, or why there is no child: it never ends then.
     HRESULT started() const { return m_started; }
     bool hasEnded(DWORD milliseconds) const;
-    /// Waits for its end, too.
+    /// Waits for its end, two seconds at most.
     void terminate() const;
-    /// Of a child that has ended.
+    /// Of a child that has ended; else STILL_ACTIVE, or ~0 when there is none.
     DWORD exitCode() const;
     DWORD id() const { return m_process.dwProcessId; }
 

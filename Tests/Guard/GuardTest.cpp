@@ -1,6 +1,8 @@
 // What a worker may do, and what the shell sees of it: one thumbnail less, and nothing else.
 #include "GuardFixture.h"
 
+#include <iterator>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -66,9 +68,9 @@ TEST_F(GuardTest, AKillerIsAskedAgainOnceItHasChanged) {
     EXPECT_RESULT(GUARD_E_WORKER_DIED, resultOf(L"abort")) << "another time";
     EXPECT_RESULT(GUARD_E_CLIP_KILLS, resultOf(L"abort"));
     setPolicy(L"KillerMinutes", 0);
-    EXPECT_RESULT(GUARD_E_WORKER_DIED, resultOf(L"terminate"));
+    EXPECT_RESULT(GUARD_E_WORKER_DIED, resultOf(L"exit"));
     expectPicture();
-    EXPECT_RESULT(GUARD_E_WORKER_DIED, resultOf(L"terminate")) << "not remembered";
+    EXPECT_RESULT(GUARD_E_WORKER_DIED, resultOf(L"exit")) << "not remembered";
 }
 
 TEST_F(GuardTest, ThreeDeathsInARowAreThePause) {
@@ -204,7 +206,10 @@ TEST_F(GuardTest, WorkersGoWithTheHost) {
 }
 
 TEST_F(GuardTest, AWorkerOfAnotherVersionKnowsIt) {
-    const ChildProcess worker(inside(workerName), {L"9.9.9", L"1", L"1", L"1", L"1"});
+    const std::wstring ours = workerArguments({});
+    EXPECT_TRUE(parseWorkerArguments(ours.c_str()));
+    std::wistringstream theirs(L"9" + ours);
+    const ChildProcess worker(inside(workerName), {std::istream_iterator<std::wstring, wchar_t>(theirs), {}});
     EXPECT_TRUE(worker.hasEnded(30000));
     EXPECT_EQ(workerOfOtherVersion, worker.exitCode());
 }

@@ -34,9 +34,8 @@ constexpr struct {
     const wchar_t* name;
     void (*deed)();
 } deeds[] = {
-    {L"abort", [] { std::abort(); }},
-    {L"terminate", [] { TerminateProcess(GetCurrentProcess(), 0); }},
-    {L"hang", [] { Sleep(INFINITE); }},
+    {L"abort", [] { std::abort(); }},  {L"terminate", [] { TerminateProcess(GetCurrentProcess(), 0); }},
+    {L"exit", [] { ExitProcess(0); }}, {L"hang", [] { Sleep(INFINITE); }},
     {L"slow", [] { Sleep(300); }},
 };
 

@@ -4,6 +4,7 @@
 #include "BlackmagicRawAPIDispatch.h"
 #include "BuiltFile.h"
 #include "LogSession.h"
+#include "Utils/vdSettings.h"
 
 namespace fs = std::filesystem;
 
@@ -156,6 +157,23 @@ TEST_F(LoaderTest, LibraryWithoutItsEntryPointIsNone) {
                   fs::copy_options::overwrite_existing);
     Instance instance;
     EXPECT_FALSE(tryToInit(instance) || isLoaded());
+}
+
+// Each host's own switch lets its pipeline be the GPU's, and no other's.
+TEST(HostOptions, EachHostHasItsOwnSwitchForTheGpu) {
+    for (const int32_t framework : {brFrameworkShell, brFrameworkPremiere, brFrameworkAfterEffects})
+        for (const bool premiere : {false, true})
+            for (const bool afterEffects : {false, true}) {
+                options().prproHybridGPUCPUDecoding = premiere;
+                options().aeLayerSettingsGPUEnabled3 = afterEffects;
+                Instance instance;
+                instance.framework = framework;
+                initBM(instance);
+                EXPECT_EQ(instance.useGpuPipeline,
+                          (framework == 4 && premiere) || (framework == 6 && afterEffects))
+                    << framework;
+            }
+    resetOptions();
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // What others' tests rely on in the reference decoder and would not miss: that it counts its caller's
-// mistakes, and is as unfriendly as it is told to be. That it knows a bad file, that its pictures are right,
-// and its deaths deaths, shows wherever it is used.
+// mistakes, finds the frames of a file, and is as unfriendly as it is told to be. That its pictures are
+// right, and its deaths deaths, shows wherever it is used.
 #include <gtest/gtest.h>
 #include <wrl/client.h>
 
@@ -38,16 +38,21 @@ protected:
         EXPECT_EQ(m_codec.As(&configuration), S_OK);
         EXPECT_EQ(configuration->GetResourceManager(&m_resources), S_OK);
     }
+    HRESULT open(const std::string& bytes) {
+        std::filesystem::path path = m_folder.path() / "clip.braw";
+        m_clip.Reset();
+        writeFileBytes(path, bytes);
+        const BSTR name = SysAllocString(path.make_preferred().c_str());
+        const HRESULT result = m_codec->OpenClip(name, m_clip.ReleaseAndGetAddressOf());
+        SysFreeString(name);
+        return result;
+    }
     /// A job that reads the first frame of a clip.
     ComPtr<IBlackmagicRawJob> makeReadJob() {
         ComPtr<IBlackmagicRawClipEx> clip;
         ComPtr<IBlackmagicRawJob> job;
         uint32_t bytes = 0;
-        auto path = m_folder.path() / "clip.braw";
-        writeTestClip(path, {});
-        const BSTR name = SysAllocString(path.make_preferred().c_str());
-        EXPECT_EQ(m_codec->OpenClip(name, m_clip.ReleaseAndGetAddressOf()), S_OK);
-        SysFreeString(name);
+        EXPECT_EQ(open(testClipBytes({})), S_OK);
         EXPECT_EQ(m_clip.As(&clip), S_OK);
         EXPECT_EQ(clip->GetBitStreamSizeBytes(0, &bytes), S_OK);
         m_bitStream.resize(bytes);
@@ -126,6 +131,17 @@ TEST_F(ReferenceDecoderTest, TheCodecMayBeHeldAndMayNotWait) {
     while (m_session.account().liveObjects > 1)
         Sleep(1);
     EXPECT_EQ(m_session.account().jobsCompleted, 1);
+}
+
+TEST_F(ReferenceDecoderTest, FramesOfOneSizeEachWithAHeaderOfItsOwn) {
+    const std::string pixels(12, 'x'), frame = "P6 2 2 255\n" + pixels;
+    for (const std::string& bad : {frame + "P6 2 3 255\n" + pixels + "xxxxxx", frame + "rubbish",
+                                   "P6 4294967298 2 255\n" + pixels, "P6 0 2 255\n" + pixels})
+        EXPECT_LT(open(bad), 0) << bad;
+    uint64_t frames = 0;
+    EXPECT_EQ(open(frame + "P6\n# a comment\n2 2 255\n" + pixels + frame), S_OK);
+    EXPECT_EQ(m_clip->GetFrameCount(&frames), S_OK);
+    EXPECT_EQ(frames, 3u);
 }
 
 } // namespace

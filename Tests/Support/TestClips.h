@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -43,33 +42,24 @@ inline std::string testHeader(const TestClip& clip, uint32_t frame) {
            std::to_string(clip.maximum) + "\n";
 }
 
-inline void writeTestClip(std::ostream& out, const TestClip& clip) {
+inline std::string testClipBytes(const TestClip& clip) {
+    std::string bytes;
     for (uint32_t frame = 0; frame < clip.frames; ++frame) {
-        out << testHeader(clip, frame);
-        std::string row;
-        for (uint32_t y = 0; y < clip.height; ++y) {
-            row.clear();
+        bytes += testHeader(clip, frame);
+        for (uint32_t y = 0; y < clip.height; ++y)
             for (uint32_t x = 0; x < clip.width; ++x)
                 for (int channel = 0; channel < 3; ++channel) {
                     const uint32_t sample = testSample(clip, frame, x, y, channel);
                     if (clip.maximum > 255)
-                        row += static_cast<char>(sample >> 8);
-                    row += static_cast<char>(sample);
+                        bytes += static_cast<char>(sample >> 8);
+                    bytes += static_cast<char>(sample);
                 }
-            out.write(row.data(), static_cast<std::streamsize>(row.size()));
-        }
     }
+    return bytes;
 }
 
 inline void writeTestClip(const std::filesystem::path& path, const TestClip& clip) {
-    std::ofstream out(path, std::ios::binary);
-    writeTestClip(out, clip);
-}
-
-inline std::string testClipBytes(const TestClip& clip) {
-    std::ostringstream out;
-    writeTestClip(out, clip);
-    return out.str();
+    std::ofstream(path, std::ios::binary) << testClipBytes(clip);
 }
 
 /// A side's length when decoded at 1/factor.

@@ -85,6 +85,7 @@ Answer HandlerTest::ask(IInitializeWithFile* file, UINT size) {
         EXPECT_TRUE(isThumbnailBitmap(answer.bitmap.get(), section));
         answer.size = {section.dsBmih.biWidth, section.dsBmih.biHeight};
         answer.pixels = readPixels(answer.bitmap.get(), answer.size.cx, answer.size.cy);
+        EXPECT_FALSE(answer.pixels.empty());
     }
     expectNothingLeft(answer.bitmap.get() != nullptr ? 1 : 0);
     return answer;

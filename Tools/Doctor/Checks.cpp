@@ -394,12 +394,14 @@ Note checkPicture(const Examination& examination, Findings& findings) {
              {},
              L""});
     else if (!hasClip && answer.result != E_FAIL)
-        findings.push_back({L"worker-answer",
-                            L"The handler's worker does not refuse what is no clip: " +
-                                (answer.isGood ? L"it made a picture of it" : answer.trouble) + L".",
-                            L"Install the handler again.",
-                            {},
-                            L""});
+        findings.push_back(
+            {L"worker-answer",
+             L"Asked for a picture of what is no clip, the handler's worker did not refuse, but " +
+                 (answer.isGood ? L"made one" : L"this came of it: " + answer.trouble) + L".",
+             L"Look again in a minute. If it stays so, install the handler again, and see what your "
+             L"virus scanner or your administrator has blocked.",
+             {},
+             L""});
     else if (hasClip && !answer.isGood)
         findings.push_back(
             {L"no-picture",

@@ -10,7 +10,8 @@
 /// What became of the question.
 struct PictureAnswer {
     bool isGood = false;
-    HRESULT result = E_FAIL; ///< what its process ended with: the handler's failure, or what it crashed with
+    HRESULT result = E_FAIL; ///< what its process ended with: the handler's failure, or what it crashed with;
+                             ///< ERROR_TIMEOUT when it did not end
     std::wstring trouble;    ///< in one line, when it is not
     double milliseconds = 0; ///< with the start of the process
 };

@@ -144,11 +144,19 @@ TEST_F(LifetimeTest, RequestOutlivesItsCompletionWhoeverDropsIt) {
         found.reset();
         isThere = !watched.expired();
     };
-    m_decoder.setJobDelay(5); // so that it is in the queue before it ends
+    m_decoder.setJobDelay(30); // so that it is in the queue before it ends
     EXPECT_EQ(m_manager->AddProcessFrameAsync(request), 0);
     m_manager->FlushQueue();
     EXPECT_TRUE(isThere) << "its last completion was still at work on it";
     EXPECT_TRUE(watched.expired());
+
+    m_request = makeRequest(*m_manager->GetClip(0));
+    m_request->m_listener = [this](vdBRAW_Request&) {
+        std::shared_ptr<vdBRAW_Request> found;
+        bool isRunning = true;
+        m_manager->FindInQueue(m_request, found, isRunning);
+    };
+    EXPECT_EQ(m_manager->ProcessFrameSync(m_request), 1) << "somebody else took it out of the queue";
 }
 
 TEST_F(LifetimeTest, EndsOnceWhateverComesAfterIt) {

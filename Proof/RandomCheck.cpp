@@ -27,8 +27,8 @@ void tryRandomInput(ProofForm form, ProofTally& tally) {
             path += static_cast<wchar_t>(random() % 2 == 0 ? letters[random() % letters.size()]
                                                            : 1 + random() % 0xFFFF);
         // Where the system takes the name there is a clip behind it, half the time.
-        const bool isInside = path.starts_with(base) && path.find(L"..") == path.npos;
-        const bool isClip = isInside && i % 2 == 0 && CopyFileW(clip.c_str(), path.c_str(), TRUE);
+        const bool isClip = i % 2 == 0 && path.starts_with(base) && path.find(L"..") == path.npos &&
+                            CopyFileW(clip.c_str(), path.c_str(), TRUE);
         // Small sizes as likely as large ones, but none that takes long: from 23,171 on they are refused.
         auto size = static_cast<UINT>(random() >> random() % 32);
         if (size > 2048 && size <= 23'170)

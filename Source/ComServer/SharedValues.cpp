@@ -45,7 +45,8 @@ struct RawValue {
 
 RawValue rawText(const std::wstring& text) {
     const auto* const first = reinterpret_cast<const BYTE*>(text.c_str());
-    const DWORD type = text.find(L'%') == std::wstring::npos ? REG_SZ : REG_EXPAND_SZ;
+    // Of Windows' folder; a percent sign elsewhere belongs to a folder's name.
+    const DWORD type = text.starts_with(L"%SystemRoot%\\") ? REG_EXPAND_SZ : REG_SZ;
     return {type, {first, first + (text.size() + 1) * sizeof(wchar_t)}};
 }
 

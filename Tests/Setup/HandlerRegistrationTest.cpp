@@ -18,6 +18,9 @@ constexpr wchar_t ourClass[] = L"{0c6f4a97-51d2-4e83-a0b9-7be4d25c8a16}";
 constexpr wchar_t ourServer[] =
     L"Software\\Classes\\CLSID\\{0c6f4a97-51d2-4e83-a0b9-7be4d25c8a16}\\InProcServer32";
 
+constexpr wchar_t events[] =
+    L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\Clipforge Thumbnails";
+
 /// Every key, with an empty name, and every value with its type and bytes.
 using Picture = std::map<std::wstring, std::vector<BYTE>>;
 
@@ -117,10 +120,12 @@ TEST_P(HandlerRegistration, LeavesEverythingAsItWas) {
         EXPECT_EQ(L"(nothing)",
                   StandInRegistry::text(m_root,
                                         L"Software\\Classes\\Clipforge.ThumbnailClip\\shell\\open\\command"));
-        EXPECT_EQ(S_OK, registerHandler(L"C:\\two\\", GetParam())) << "an upgrade";
-        EXPECT_EQ(L"C:\\two\\Clipforge_Guard.dll", StandInRegistry::text(m_root, ourServer));
-        EXPECT_EQ(L"C:\\two\\Clipforge_Icon.ico",
+        EXPECT_EQ(S_OK, registerHandler(L"C:\\two %TEMP%\\", GetParam())) << "an upgrade";
+        EXPECT_EQ(L"C:\\two %TEMP%\\Clipforge_Guard.dll", StandInRegistry::text(m_root, ourServer));
+        EXPECT_EQ(L"C:\\two %TEMP%\\Clipforge_Icon.ico",
                   StandInRegistry::text(m_root, L"Software\\Classes\\.sidecar\\DefaultIcon"));
+        const std::wstring messages = StandInRegistry::text(m_root, events, L"EventMessageFile");
+        EXPECT_EQ(std::wstring::npos, messages.find(L'%')) << "the folder's name is not Windows' own";
         EXPECT_EQ(S_OK, unregisterHandler(GetParam()));
         EXPECT_EQ(before, photograph());
         EXPECT_EQ(S_OK, unregisterHandler(GetParam()));

@@ -142,12 +142,13 @@ bool askIdle(std::unique_ptr<WorkerProcess>& worker, const Question& question, W
 }
 
 /// Asks a new worker. One that cannot be started, or is gone before it has begun, is tried a second time: a
-/// busy machine refuses a process now and then. Without a worker afterwards none could be made.
+/// busy machine refuses a process now and then, and a host's job the worker's own. Without a worker
+/// afterwards none could be made.
 WorkerReply askNew(std::unique_ptr<WorkerProcess>& worker, const Question& question) {
     WorkerReply reply;
-    for (int attempt = 0; attempt < 2; ++attempt) {
+    for (const WorkerJob job : {WorkerJob::fromBirth, WorkerJob::afterwards}) {
         worker.reset();
-        const HRESULT hr = WorkerProcess::create(folderOf(ownModulePath()), worker);
+        const HRESULT hr = WorkerProcess::create(folderOf(ownModulePath()), job, worker);
         reply = SUCCEEDED(hr) ? worker->ask(question.path, question.size, question.killerState) : failed(hr);
         if (reply.result != GUARD_E_WORKER_NOT_STARTED)
             break;

@@ -43,20 +43,25 @@ private:
     HANDLE m_handles[4];
 };
 
-/// Attributes of a process to be made: the handles that it inherits, and on demand that it starts no others.
+/// Attributes of a process to be made: the handles that it inherits, the job that it is born in, and on
+/// demand that it starts no others. The job's handle is looked at when the process is made; null: it has none
+/// yet.
 class StartAttributes {
 public:
-    StartAttributes(InheritableHandles& handles, bool restricted) {
-        // Known since Windows 10; the job's limit of one process says the same.
-        constexpr DWORD_PTR childProcessPolicy = 0x0002000E;
+    StartAttributes(InheritableHandles& handles, const HANDLE& job, bool restricted) {
+        // Both known since Windows 10; the job's limit of one process says the same as the policy.
+        constexpr DWORD_PTR jobList = 0x0002000D, childProcessPolicy = 0x0002000E;
         static DWORD noChildProcesses = 1;
         SIZE_T bytes = 0;
-        InitializeProcThreadAttributeList(nullptr, 2, 0, &bytes);
+        InitializeProcThreadAttributeList(nullptr, 3, 0, &bytes);
         m_memory.resize(bytes);
-        m_initialised = InitializeProcThreadAttributeList(get(), 2, 0, &bytes);
+        m_initialised = InitializeProcThreadAttributeList(get(), 3, 0, &bytes);
         m_complete =
             m_initialised && UpdateProcThreadAttribute(get(), 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
                                                        handles.data(), handles.bytes(), nullptr, nullptr);
+        if (m_complete && job != nullptr)
+            UpdateProcThreadAttribute(get(), 0, jobList, const_cast<HANDLE*>(&job), sizeof job, nullptr,
+                                      nullptr);
         if (m_complete && restricted)
             UpdateProcThreadAttribute(get(), 0, childProcessPolicy, &noChildProcesses,
                                       sizeof noChildProcesses, nullptr, nullptr);
@@ -80,7 +85,8 @@ private:
 };
 
 /// Starts the program suspended, in its own folder (another one would be held open), without a window.
-bool startSuspended(const std::wstring& folder, const WorkerHandles& handles, PROCESS_INFORMATION& process) {
+bool startSuspended(const std::wstring& folder, const WorkerHandles& handles, HANDLE job,
+                    PROCESS_INFORMATION& process) {
     const bool restricted = policyValue(vdPolicy::workerLowIntegrity) != 0;
     OwnedHandle token;
     if (restricted && !(token = createLowIntegrityToken()))
@@ -88,7 +94,7 @@ bool startSuspended(const std::wstring& folder, const WorkerHandles& handles, PR
     const std::wstring program = folder + workerFile;
     std::wstring line = L"\"" + program + L"\" " + workerArguments(handles);
     InheritableHandles inherited(handles);
-    StartAttributes attributes(inherited, restricted);
+    StartAttributes attributes(inherited, job, restricted);
     STARTUPINFOEXW startup = {};
     startup.StartupInfo.cb = sizeof startup;
     startup.StartupInfo.dwFlags = STARTF_FORCEOFFFEEDBACK; // no busy pointer
@@ -127,13 +133,14 @@ WorkerReply reply(Asked asked, HRESULT result) {
 }
 } // namespace
 
-HRESULT WorkerProcess::create(const std::wstring& folder, std::unique_ptr<WorkerProcess>& worker) {
+HRESULT WorkerProcess::create(const std::wstring& folder, WorkerJob job,
+                              std::unique_ptr<WorkerProcess>& worker) {
     std::unique_ptr<WorkerProcess> made(new WorkerProcess);
     OwnedHandle section;
     const OwnedHandle guard(OpenProcess(SYNCHRONIZE, FALSE, GetCurrentProcessId()));
     if (!guard || !made->openChannel(section))
         return E_OUTOFMEMORY;
-    if (const HRESULT hr = made->start(folder, section.get(), guard.get()); FAILED(hr))
+    if (const HRESULT hr = made->start(folder, job, section.get(), guard.get()); FAILED(hr))
         return hr;
     worker = std::move(made);
     return S_OK;
@@ -159,16 +166,18 @@ bool WorkerProcess::openChannel(OwnedHandle& section) noexcept {
     return true;
 }
 
-HRESULT WorkerProcess::start(const std::wstring& folder, HANDLE section, HANDLE guard) {
+HRESULT WorkerProcess::start(const std::wstring& folder, WorkerJob job, HANDLE section, HANDLE guard) {
     PROCESS_INFORMATION process = {};
-    if (!startSuspended(folder, {section, m_question.get(), m_answer.get(), guard}, process))
+    m_job = createWorkerJob(m_memoryLimit);
+    if (!startSuspended(folder, {section, m_question.get(), m_answer.get(), guard},
+                        job == WorkerJob::fromBirth ? m_job.get() : nullptr, process))
         return startFailure(GetLastError());
     m_process = OwnedHandle(process.hProcess);
     m_thread = OwnedHandle(process.hThread);
     // Where it is refused (a host that lies in a job of its own, before Windows 8) the worker looks itself
     // whether the guard still lives.
-    m_job = createWorkerJob(m_memoryLimit);
-    if (m_job)
+    BOOL isInJob = FALSE;
+    if (m_job && !(IsProcessInJob(m_process.get(), m_job.get(), &isInJob) && isInJob))
         AssignProcessToJobObject(m_job.get(), m_process.get());
     return S_OK;
 }

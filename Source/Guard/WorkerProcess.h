@@ -28,12 +28,16 @@ struct WorkerReply {
     uint64_t clipState = 0; ///< as in WorkerChannel
 };
 
+/// When a worker enters its job. One that enters it afterwards would stay for good, suspended, if the host
+/// died in between; but Windows before 10 knows no other way, and a job of the host's own may allow no other.
+enum class WorkerJob { fromBirth, afterwards };
+
 /// The destructor ends the process and lets go of everything, without waiting. Used by one thread at a time.
 class WorkerProcess {
 public:
     /// Makes a worker that will run from `folder`, where its program lies. It is busy from its start on, and
     /// starts with its first question. On failure nothing is left. May throw std::bad_alloc.
-    static HRESULT create(const std::wstring& folder, std::unique_ptr<WorkerProcess>& worker);
+    static HRESULT create(const std::wstring& folder, WorkerJob job, std::unique_ptr<WorkerProcess>& worker);
     ~WorkerProcess();
     WorkerProcess(const WorkerProcess&) = delete;
     WorkerProcess& operator=(const WorkerProcess&) = delete;
@@ -51,7 +55,7 @@ public:
 private:
     WorkerProcess() = default;
     bool openChannel(OwnedHandle& section) noexcept;
-    HRESULT start(const std::wstring& folder, HANDLE section, HANDLE guard);
+    HRESULT start(const std::wstring& folder, WorkerJob job, HANDLE section, HANDLE guard);
     void putQuestion(const std::wstring& path, UINT size, uint64_t killerState) noexcept;
     WorkerReply awaitAnswer() noexcept;
     bool hasTaken() const noexcept { return m_channel->taken == m_number; }

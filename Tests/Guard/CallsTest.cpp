@@ -16,6 +16,7 @@ namespace {
 /// What the guard asked of Windows, in order.
 struct Calls {
     std::vector<std::string> order;
+    HANDLE job = nullptr;
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
     std::wstring program, folder;
     DWORD flags = 0;
@@ -24,6 +25,8 @@ struct Calls {
     std::vector<HANDLE> listed;
     DWORD noChildProcesses = 0;
     DWORD integrity = 0;
+    bool isBornInJob = false;
+    bool knowsNoJobList = false; ///< as before Windows 10
     bool refuseJob = false;
     int startsToFail = 0;
     int events = 0;
@@ -57,7 +60,11 @@ BOOL WINAPI start(LPCWSTR program, LPWSTR line, LPSECURITY_ATTRIBUTES a, LPSECUR
     recordStart(L"start", program, line, inherits, flags, folder);
     if (g_calls.startsToFail-- > 0)
         return FALSE;
-    return CreateProcessW(program, line, a, b, inherits, flags, environment, folder, startup, process);
+    const BOOL started =
+        CreateProcessW(program, line, a, b, inherits, flags, environment, folder, startup, process);
+    BOOL isInJob = FALSE;
+    g_calls.isBornInJob = IsProcessInJob(process->hProcess, g_calls.job, &isInJob) && isInJob;
+    return started;
 }
 
 BOOL WINAPI startAs(HANDLE token, LPCWSTR program, LPWSTR line, LPSECURITY_ATTRIBUTES a,
@@ -75,12 +82,15 @@ BOOL WINAPI updateAttribute(LPPROC_THREAD_ATTRIBUTE_LIST list, DWORD flags, DWOR
                               static_cast<HANDLE*>(value) + size / sizeof(HANDLE));
     else if (attribute == 0x0002000E) // PROC_THREAD_ATTRIBUTE_CHILD_PROCESS_POLICY
         g_calls.noChildProcesses = *static_cast<DWORD*>(value);
+    else if (g_calls.knowsNoJobList)
+        return FALSE;
     return UpdateProcThreadAttribute(list, flags, attribute, value, size, former, formerSize);
 }
 
 BOOL WINAPI setJob(HANDLE job, JOBOBJECTINFOCLASS kind, LPVOID limits, DWORD size) {
     if (kind == JobObjectExtendedLimitInformation)
         std::memcpy(&g_calls.limits, limits, sizeof g_calls.limits);
+    g_calls.job = job;
     return SetInformationJobObject(job, kind, limits, size);
 }
 
@@ -153,7 +163,8 @@ protected:
 TEST_F(CallsTest, AWorkerIsBornInItsJobAndItsFolder) {
     setPolicy(L"WorkerMegabytes", 300);
     expectPicture();
-    EXPECT_EQ((std::vector<std::string>{"start", "assign", "resume"}), g_calls.order);
+    EXPECT_EQ((std::vector<std::string>{"start", "resume"}), g_calls.order);
+    EXPECT_TRUE(g_calls.isBornInJob);
     EXPECT_EQ(static_cast<DWORD>(CREATE_SUSPENDED | CREATE_NO_WINDOW | EXTENDED_STARTUPINFO_PRESENT),
               g_calls.flags);
     EXPECT_TRUE(std::filesystem::equivalent(inside(workerName), g_calls.program));
@@ -173,14 +184,16 @@ TEST_F(CallsTest, AWorkerIsBornInItsJobAndItsFolder) {
 }
 
 TEST_F(CallsTest, ARefusedJobIsNoReasonToStop) {
-    g_calls.refuseJob = true;
+    g_calls.knowsNoJobList = g_calls.refuseJob = true;
     expectPicture();
     EXPECT_EQ((std::vector<std::string>{"start", "assign", "resume"}), g_calls.order);
 }
 
 TEST_F(CallsTest, AStartThatFailsIsTriedOnceMore) {
-    g_calls.startsToFail = 1;
+    g_calls.startsToFail = 1; // by a job of the host's own, say
     expectPicture();
+    EXPECT_EQ((std::vector<std::string>{"start", "start", "assign", "resume"}), g_calls.order);
+    EXPECT_FALSE(g_calls.isBornInJob);
     m_library->call("DllCanUnloadNow"); // the next question needs another one
     g_calls.startsToFail = 2;
     EXPECT_RESULT(GUARD_E_WORKER_NOT_STARTED, resultOf(L"good"));
@@ -198,7 +211,7 @@ TEST_F(CallsTest, WhatTheGuardItselfFailsLeavesAnEvent) {
 TEST_F(CallsTest, LowIntegrityIsASwitch) {
     setPolicy(L"WorkerLowIntegrity", 1);
     expectPicture();
-    EXPECT_EQ((std::vector<std::string>{"start as", "assign", "resume"}), g_calls.order);
+    EXPECT_EQ((std::vector<std::string>{"start as", "resume"}), g_calls.order);
     EXPECT_EQ(static_cast<DWORD>(SECURITY_MANDATORY_LOW_RID), g_calls.integrity);
     EXPECT_EQ(1u, g_calls.noChildProcesses);
     expectFourHandles();

@@ -183,9 +183,9 @@ TEST_F(GuardTest, AnObjectKeepsTheLibraryAndItsWorkers) {
 TEST_F(GuardTest, DISABLED_HostToBeKilled) {
     const HMODULE guard = GetModuleHandleW(L"Clipforge_Guard.dll");
     if (GetEnvironmentVariableW(L"CLIPFORGE_WITHOUT_JOBS", nullptr, 0) != 0)
-        setImport(importSlot(guard, "AssignProcessToJobObject"),
-                  reinterpret_cast<void*>(
-                      static_cast<BOOL(WINAPI*)(HANDLE, HANDLE)>([](HANDLE, HANDLE) { return FALSE; })));
+        setImport(importSlot(guard, "CreateJobObjectW"),
+                  reinterpret_cast<void*>(static_cast<HANDLE(WINAPI*)(LPSECURITY_ATTRIBUTES, LPCWSTR)>(
+                      [](LPSECURITY_ATTRIBUTES, LPCWSTR) -> HANDLE { return nullptr; })));
     setPolicy(L"Workers", 2);
     writeFileBytes(inside(L"hang in DllMain"), "");
     std::thread other([&] { ask(L"hang"); });

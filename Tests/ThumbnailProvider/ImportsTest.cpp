@@ -49,8 +49,9 @@ constexpr AllowedImports allowedImports[] = {
     {"KERNEL32.dll",
      "AssignProcessToJobObject CreateEventW CreateFileMappingW CreateJobObjectW CreateProcessW "
      "DeleteProcThreadAttributeList GetCurrentProcess GetCurrentProcessId GetExitCodeProcess "
-     "InitializeProcThreadAttributeList MapViewOfFile OpenProcess ResumeThread SetHandleInformation "
-     "SetInformationJobObject SleepConditionVariableSRW TerminateProcess UnmapViewOfFile "
+     "InitializeProcThreadAttributeList IsProcessInJob MapViewOfFile OpenProcess ResumeThread "
+     "SetHandleInformation SetInformationJobObject SleepConditionVariableSRW TerminateProcess "
+     "UnmapViewOfFile "
      "UpdateProcThreadAttribute VirtualAlloc WaitForMultipleObjects WakeConditionVariable "},
     // The toolchain's: exceptions, the simple mutex, code pages, the helper that binds on first use.
     {"KERNEL32.dll",

@@ -1,5 +1,6 @@
 #include "Pipelines.h"
 
+#include <atomic>
 #include <iterator>
 
 #include "Resources.h"
@@ -14,6 +15,8 @@ constexpr Pipeline kPipelines[] = {
     {blackmagicRawPipelineCPU, L"CPU", L"Reference CPU"},
 };
 
+std::atomic<int> s_gpuHolders = 0;
+
 } // namespace
 
 const Pipeline* findPipeline(BlackmagicRawPipeline code) {
@@ -21,6 +24,18 @@ const Pipeline* findPipeline(BlackmagicRawPipeline code) {
         if (pipeline.code == code)
             return &pipeline;
     return nullptr;
+}
+
+Device::Device(const Pipeline& pipeline) : m_pipeline(pipeline) {
+    s_gpuHolders += isGpu();
+}
+
+void Device::finish() noexcept {
+    s_gpuHolders -= isGpu();
+}
+
+bool isGpuHeld() {
+    return s_gpuHolders > 0;
 }
 
 HRESULT Device::GetInstructionSet(BlackmagicRawInstructionSet* instructionSet) {
@@ -53,10 +68,9 @@ HRESULT Device::GetInterop(BlackmagicRawInterop* interop) {
 HRESULT Device::GetPipeline(BlackmagicRawPipeline* pipeline, void** context, void** commandQueue) {
     return cross<"IBlackmagicRawPipelineDevice::GetPipeline">(
         [&] {
-            const bool isGpu = m_pipeline.code == blackmagicRawPipelineCUDA;
             *pipeline = m_pipeline.code;
-            *context = isGpu ? gpuContext() : nullptr;
-            *commandQueue = isGpu ? gpuCommandQueue() : nullptr;
+            *context = isGpu() ? gpuContext() : nullptr;
+            *commandQueue = isGpu() ? gpuCommandQueue() : nullptr;
             return S_OK;
         },
         pipeline, context, commandQueue);

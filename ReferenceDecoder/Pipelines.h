@@ -16,8 +16,9 @@ const Pipeline* findPipeline(BlackmagicRawPipeline code);
 
 class Device : public Object<"IBlackmagicRawPipelineDevice", IBlackmagicRawPipelineDevice> {
 public:
-    explicit Device(const Pipeline& pipeline) : m_pipeline(pipeline) {}
+    explicit Device(const Pipeline& pipeline);
     const Pipeline& pipeline() const { return m_pipeline; }
+    bool isGpu() const { return m_pipeline.code == blackmagicRawPipelineCUDA; }
 
     HRESULT STDMETHODCALLTYPE GetInstructionSet(BlackmagicRawInstructionSet* instructionSet) override;
     HRESULT STDMETHODCALLTYPE GetIndex(uint32_t* deviceIndex) override;
@@ -28,8 +29,13 @@ public:
     HRESULT STDMETHODCALLTYPE GetPipelineName(BSTR* pipelineName) override;
 
 private:
+    void finish() noexcept override;
+
     const Pipeline& m_pipeline;
 };
+
+/// Whether somebody holds the GPU. Its context and command queue end with its last holder.
+bool isGpuHeld();
 
 class DeviceIterator
     : public Object<"IBlackmagicRawPipelineDeviceIterator", IBlackmagicRawPipelineDeviceIterator> {

@@ -4,6 +4,7 @@
 #include <map>
 
 #include "Lock.h"
+#include "Pipelines.h"
 
 namespace reference {
 
@@ -125,7 +126,7 @@ bool isDevice(BlackmagicRawResourceType type) {
 bool isRightPlace(void* context, void* commandQueue, BlackmagicRawResourceType type) {
     if (type == blackmagicRawResourceTypeBufferCPU)
         return !context && !commandQueue;
-    return isDevice(type) && context == gpuContext() && commandQueue == gpuCommandQueue();
+    return isDevice(type) && isGpuHeld() && context == gpuContext() && commandQueue == gpuCommandQueue();
 }
 
 HRESULT resourceFault() {

@@ -7,8 +7,8 @@
 
 #include <windows.h>
 
-/// `name` tells it apart among those of one memory, in this version and the next. A text with a percent sign
-/// is stored as one to be expanded.
+/// `name` tells it apart among those of one memory, in this version and the next. A text that begins with
+/// "%SystemRoot%\" is stored as one to be expanded; any other percent sign is a letter.
 struct SharedValue {
     const wchar_t* name;
     std::wstring key;     ///< from the root on

@@ -275,12 +275,25 @@ StageEnd checkImage(vdBRAW_Request& request, IBlackmagicRawProcessedImage& image
     return {};
 }
 
+/// The request knows the library's image for as long as this lives: it ends with its callback.
+struct ImageLoan {
+    ImageLoan(vdBRAW_Request& request, IBlackmagicRawProcessedImage& image) : m_request(request) {
+        m_request.m_processedImage = &image;
+    }
+    ~ImageLoan() { m_request.m_processedImage = nullptr; }
+    ImageLoan(const ImageLoan&) = delete;
+    ImageLoan& operator=(const ImageLoan&) = delete;
+
+private:
+    vdBRAW_Request& m_request;
+};
+
 StageEnd processStage(vdBRAW_Request& request, HRESULT result, IBlackmagicRawProcessedImage* image) {
     if (FAILED(result))
         return failed(processCode(request), result, "ProcessComplete called with error code - ");
     if (!image)
         return failed(brErrorDelivery, result, "ProcessComplete called without an image");
-    request.m_processedImage = image;
+    const ImageLoan loan(request, *image);
     StageEnd end = checkImage(request, *image);
     if (end.kind != StageEnd::Kind::failed) {
         const vdStatus delivered = request.onProcessComplete();
@@ -289,7 +302,6 @@ StageEnd processStage(vdBRAW_Request& request, HRESULT result, IBlackmagicRawPro
         else
             end.kind = request.m_isFinished ? StageEnd::Kind::endedByHook : StageEnd::Kind::finished;
     }
-    request.m_processedImage = nullptr; // the library's object ends with its callback
     return end;
 }
 

@@ -15,6 +15,7 @@ vdBRAW_Manager* g_manager = nullptr;
 namespace {
 
 constexpr const char* initFunction = "initFromFramework";
+constexpr std::string_view notInitialised = "Blackmagic is not initialized : Abnormal error.";
 
 /// How often the library is asked to finish its jobs, and how long those that it leaves running are waited
 /// for, before they count as never ending.
@@ -48,8 +49,7 @@ std::string_view configuredPipelineName(BlackmagicRawPipeline pipeline) {
 
 } // namespace
 
-vdBRAW_Manager::vdBRAW_Manager()
-    : m_errorInfo(vdFailure("Blackmagic is not initialized : Abnormal error.")) {}
+vdBRAW_Manager::vdBRAW_Manager() : m_errorInfo(vdFailure(notInitialised)) {}
 
 vdBRAW_Manager::~vdBRAW_Manager() {
     Release();
@@ -73,6 +73,7 @@ int vdBRAW_Manager::init(std::unique_ptr<Instance> instance) {
         return 1;
     }
     m_instance = std::move(instance);
+    m_isLibraryAccepted = false;
     m_errorInfo = {};
     if (!m_instance->isInitialised)
         return failInit(
@@ -85,6 +86,7 @@ int vdBRAW_Manager::init(std::unique_ptr<Instance> instance) {
         return failInit("Blackmagic RAW library has not the good version  - Please Reinstall our Software "
                         "from our website",
                         "init", "vdBRAW_Manager init - BlackmagicRawAPI seems to be an old version.");
+    m_isLibraryAccepted = true;
     return initFromFramework(blackmagicRawPipelineCPU, m_instance->useGpuPipeline);
 }
 
@@ -94,13 +96,16 @@ int vdBRAW_Manager::failInit(std::string_view errorInfo, const char* function, s
     return 1;
 }
 
-int vdBRAW_Manager::failInit(std::string_view errorInfo, HRESULT hr) {
-    return failInit(errorInfo, initFunction, std::string(errorInfo) + hresultText(hr));
+int vdBRAW_Manager::failInit(std::string_view errorInfo, HRESULT hr, std::string_view logLine) {
+    m_errorInfo = vdFailure(errorInfo); // first: the line needs memory
+    VD_LOG_AS(vdLogLevel::error, initFunction, (logLine.empty() ? errorInfo : logLine) << hresultText(hr));
+    return 1;
 }
 
 int vdBRAW_Manager::initFromFramework(BlackmagicRawPipeline pipeline, bool useGPU) {
-    if (!m_instance)
+    if (!m_isLibraryAccepted)
         return 1;
+    m_errorInfo = vdFailure(notInitialised);                              // whatever ends this half-way
     const bool isNewDevice = initPipeline(*m_instance, pipeline, useGPU); // the session holds the old one
     if (!isNewDevice && m_configuration)
         rebindDevice();
@@ -109,7 +114,7 @@ int vdBRAW_Manager::initFromFramework(BlackmagicRawPipeline pipeline, bool useGP
         toReload = closeForReinitialisation();
     if (createCodec() != 0 || installCallback() != 0)
         return 1;
-    m_errorInfo = {}; // an earlier attempt may have failed
+    m_errorInfo = {};
     logCodecConfiguration();
     for (const std::shared_ptr<vdBRAW_Clip>& clip : toReload)
         clip->reload(m_codec.Get());
@@ -143,14 +148,12 @@ int vdBRAW_Manager::createCodec() {
     m_session = std::make_shared<brCodecSession>(current ? current->device : nullptr);
     HRESULT hr = m_instance->factory->CreateCodec(&m_codec);
     if (hr != S_OK || !m_codec)
-        return failInit("Blackmagic Factory creation error : Abnormal error.", initFunction,
-                        "vdBRAW_Manager init - Failed to create IBlackmagicRaw (CreateCodec function) : " +
-                            hresultText(hr));
+        return failInit("Blackmagic Factory creation error : Abnormal error.", hr,
+                        "vdBRAW_Manager init - Failed to create IBlackmagicRaw (CreateCodec function) : ");
     hr = m_codec.As(&m_configuration);
     if (hr != S_OK || !m_configuration)
-        return failInit("Impossible to Query BlackmagicRawConfiguraton from Codec", initFunction,
-                        "vdBRAW_Manager init - Impossible to query Configuration from Codec : " +
-                            hresultText(hr));
+        return failInit("Impossible to Query BlackmagicRawConfiguraton from Codec", hr,
+                        "vdBRAW_Manager init - Impossible to query Configuration from Codec : ");
     const HRESULT bound = bindDevice();
     hr = m_codec.As(&m_configurationEx);
     if (hr != S_OK || !m_configurationEx)

@@ -99,7 +99,8 @@ private:
     };
 
     int failInit(std::string_view errorInfo, const char* function, std::string_view logLine);
-    int failInit(std::string_view errorInfo, HRESULT hr);
+    /// An empty line: the error's own text.
+    int failInit(std::string_view errorInfo, HRESULT hr, std::string_view logLine = {});
     void rebindDevice();
     std::vector<std::shared_ptr<vdBRAW_Clip>> closeForReinitialisation();
     int createCodec();
@@ -148,6 +149,7 @@ private:
     /// True when the request has ended; one that has not is cancelled.
     static bool finishedOrCancelled(vdBRAW_Request& request, const char* function);
 
+    bool m_isLibraryAccepted = false; ///< by init: it is there, has a factory and is of the right version
     std::map<uint64_t, std::shared_ptr<vdBRAW_Clip>> m_clips; ///< its order is that of the IDs
     std::mutex m_clipsMutex;
     Queue m_queue;

@@ -43,6 +43,10 @@ void logPath(std::string_view path) {
 
 /// Tells the log whether the clip can be read at all, which is the first question about a missing thumbnail.
 void testOpening(std::string_view path) {
+    if (isSparedCloudFile(utf8ToUtf16(path).c_str())) {
+        VD_LOG_AS(vdLogLevel::info, initializeName, "  - Test wfopen : left out, it would fetch the clip");
+        return;
+    }
     FILE* const file = openForReading(path);
     const int openError = errno;
     if (file == nullptr) {

@@ -32,6 +32,7 @@ TEST_F(LifetimeTest, FlushThatDoesNotFlushIsNotTrusted) {
         m_manager->Release();
         EXPECT_TRUE(m_request->m_isCancelled);
         EXPECT_EQ(m_decoder.account().jobsSubmitted, 1) << "no further job after the cancellation";
+        EXPECT_NE(log.lines().front().find("Release|"), std::string::npos) << log.lines().front();
         EXPECT_EQ(log.lines().back().find("Release|FlushJobs never worked : ") != std::string::npos,
                   kind == Kind::succeedEmpty);
     }
@@ -76,14 +77,18 @@ TEST_F(LifetimeTest, JobThatOutlastsTheManagerKeepsWhatItUses) {
 
 TEST_F(LifetimeTest, BuffersAndClipsOfAHostOutliveTheManager) {
     m_decoder.setManners(Manners::resourceManagerHoldsCodec);
-    auto clip = start();
-    m_request = makeRequest(*clip);
-    EXPECT_EQ(m_manager->ProcessFrameSync(m_request), 0);
-    m_manager.reset();
-    EXPECT_FALSE(m_decoder.account().isBalanced()) << "the request has its buffers";
-    m_request.reset();
-    const ReferenceDecoderAccount account = m_decoder.account();
-    EXPECT_TRUE(account.isBalanced()) << "the clip keeps nothing of the library's: " << account.describe();
+    for (const bool isGpu : {false, true}) {
+        auto clip = start(isGpu);
+        m_request = makeRequest(*clip, brPixelFormat::BGRA_8_LOW, 4);
+        EXPECT_EQ(m_manager->ProcessFrameSync(m_request), 0);
+        m_manager.reset();
+        EXPECT_FALSE(m_decoder.account().isBalanced()) << "the request has its buffers";
+        m_request.reset();
+        const ReferenceDecoderAccount account = m_decoder.account();
+        EXPECT_TRUE(account.isBalanced() && account.isSound())
+            << "the clip keeps nothing of the library's, and the buffers all that they need: "
+            << account.describe();
+    }
 }
 
 TEST_F(LifetimeTest, CallbackCountsAsComDoes) {

@@ -26,14 +26,17 @@ TEST_F(ManagerTest, InitTellsTheUserWhatIsMissing) {
         {true, true, 2'161'113,
          "Blackmagic RAW library has not the good version  - Please Reinstall our Software from our website"},
     };
+    vdBRAW_Manager manager;
+    arm("Factory::CreateCodec");
+    EXPECT_EQ(manager.init(makeInstance()), 1) << "a good library, for all that is known of it";
     for (const auto& [isLoaded, hasFactory, libraryBytes, errorInfo] : cases) {
-        vdBRAW_Manager manager;
         auto instance = makeInstance();
         instance->isInitialised = isLoaded;
         if (!hasFactory)
             std::exchange(instance->factory, nullptr)->Release();
         std::filesystem::resize_file(m_folder.path() / "BlackmagicRawAPI.dll", libraryBytes);
         EXPECT_EQ(manager.init(std::move(instance)), 1);
+        EXPECT_EQ(manager.initFromFramework(blackmagicRawPipelineCPU, false), 1) << "nor may it be started";
         EXPECT_EQ(manager.m_errorInfo.text(), errorInfo);
         uint64_t id = 0;
         EXPECT_EQ(manager.AddClip(m_clipPath, id), 1) << "a manager that failed must not open clips";
@@ -87,6 +90,7 @@ TEST_F(ManagerTest, SecondInitKeepsTheCodecAndReinitialisationReloadsEveryClip) 
     EXPECT_FALSE(m_manager->m_manualDecoderGPU) << "the CPU pipeline needs no GPU decoder";
     Instance* const instance = m_manager->m_instance.get();
     EXPECT_EQ(init(), 1);
+    EXPECT_EQ(m_decoder.occurrencesOf("IBlackmagicRawConfiguration::GetVersion"), 0u) << "nobody reads it";
     EXPECT_EQ(m_manager->m_instance.get(), instance);
     EXPECT_EQ(m_decoder.occurrencesOf("IBlackmagicRawFactory::CreateCodec"), 1u);
 

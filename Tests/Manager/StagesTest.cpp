@@ -197,6 +197,7 @@ TEST_F(StagesTest, EachAllocationFailsOnce) {
             });
             EXPECT_TRUE(g_left <= 0 || number > 20);
             EXPECT_TRUE(!request || !request->m_isSubmitted || request->m_isFinished) << number;
+            EXPECT_FALSE(request && request->m_processedImage);
             EXPECT_EQ(m_manager->FlushQueue(), 0);
         }
         g_left = 0;

@@ -73,25 +73,36 @@ DWORD WINAPI tellAddedAttributes(const wchar_t*) {
     return g_addedAttributes;
 }
 
+std::wstring g_opened; ///< the last file
+
+HANDLE WINAPI noteOpening(const wchar_t* path, DWORD access, DWORD sharing, SECURITY_ATTRIBUTES* security,
+                          DWORD disposition, DWORD flags, HANDLE model) {
+    return CreateFileW((g_opened = path).c_str(), access, sharing, security, disposition, flags, model);
+}
+
 // Wine keeps none of these attributes, so the folder's answer is changed on its way to the handler.
 TEST_F(Failures, ClipsInACloudAreNotFetchedUnlessAPolicyWantsIt) {
     const StandInRegistry registry;
     const std::wstring path = writeClip();
     const ReplacedImport find("FindFirstFileExW", &findWithAddedAttributes, m_handler->module());
     const ReplacedImport attributes("GetFileAttributesW", &tellAddedAttributes, m_handler->module());
+    const ReplacedImport opening("CreateFileW", &noteOpening, m_handler->module());
     constexpr DWORD offline = 0x1000, recallOnOpen = 0x40000, recallOnDataAccess = 0x400000;
     for (const DWORD attribute : {offline, recallOnOpen, recallOnDataAccess}) {
         SCOPED_TRACE(attribute);
         g_addedAttributes = attribute;
         StandInRegistry::setNumber(HKEY_CURRENT_USER, L"Software\\Verdane\\Clipforge", L"CloudThumbnails", 0);
         m_decoder.reset();
+        g_opened.clear();
         for (const bool isListed : {false, true}) {
             g_isListed = isListed;
             expectFailed(path, 16, E_FAIL, false);
             EXPECT_EQ(0, m_decoder.account().loads);
+            EXPECT_NE(path, g_opened);
         }
         StandInRegistry::setNumber(HKEY_CURRENT_USER, L"Software\\Verdane\\Clipforge", L"CloudThumbnails", 1);
         EXPECT_RESULT(S_OK, ask(path).result);
+        EXPECT_EQ(path, g_opened);
     }
     g_addedAttributes = FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_SPARSE_FILE; // fetched already
     StandInRegistry::setNumber(HKEY_CURRENT_USER, L"Software\\Verdane\\Clipforge", L"CloudThumbnails", 0);

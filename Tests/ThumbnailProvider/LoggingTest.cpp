@@ -87,6 +87,8 @@ constexpr const char* milestones[] = {
     "INFO|Callback       | DecodeComplete|[Q-1C0#0I0] DecodeComplete dt * us",
     "INFO|Callback       | ProcessComplete|[Q-1C0#0I0] ProcessComplete  dt * us",
     "INFO|Manager        | FindInQueue|[Q-1C0#0I0] Removed Queue, sizes 1,0",
+    "INFO|Clip           | Close|*Closing Clip",
+    "INFO|brBufferManager| *Releasing Processed Buffer",
     "INFO|Instance       | Release|BMD Libs Released",
     "INFO|BRThumbnailProv| GetThumbnail|End of getting Thumbnail - Returning 0",
     "INFO|BRThumbnailProv| Release|Cref == 0 => Deleting CClipforgeThumbProvider",
@@ -95,7 +97,7 @@ constexpr const char* milestones[] = {
 
 TEST_F(HandlerLog, TellsTheWholeRoad) {
     setLevel("ERR"); // whichever level is named, information lines and worse are written
-    m_decoder.setManners(ReferenceDecoderManners::none); // it is told what the decoder says
+    m_decoder.setManners(ReferenceDecoderManners::buffersNeedMore); // it is told what the decoder says
     EXPECT_RESULT(S_OK, ask(m_clip).result);
     const std::vector<std::string> lines = entries();
     auto line = lines.begin();
@@ -125,6 +127,11 @@ TEST_F(HandlerLog, TellsWhatWentWrong) {
                         "INFO|BRThumbnailProv| Initialize|  - Returning -2147418113\n*",
                         all))
         << all;
+}
+
+TEST_F(HandlerLog, OptionsThatCannotBeReadCostNoThumbnail) {
+    std::filesystem::create_directories(m_product / "Clipforge_options.ini" / "folder");
+    EXPECT_RESULT(S_OK, ask(m_clip).result);
 }
 
 TEST_F(HandlerLog, IsWrittenOnlyWhereItIsAskedFor) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "HandlerFixture.h"
+#include "LogSession.h"
 #include "brThumbnailRequest.h"
 
 namespace {
@@ -60,7 +61,11 @@ TEST_F(Delivery, CopiesWhatBothHold) {
         SCOPED_TRACE(capacity);
         std::memset(bits, 0, bitmapBytes);
         buffers().m_processedBuffer.capacity = capacity;
+        const LogSession log(vdLogLevel::info);
         expectCopied(std::min(capacity, bitmapBytes));
+        EXPECT_EQ(capacity > bitmapBytes ? 1u : 2u, log.lines().size());
+        for (const std::string& line : log.lines())
+            EXPECT_NE(std::string::npos, line.find("LaunchHeavyProcessing|[Q")) << line;
         EXPECT_FALSE(told.failed);
     }
 }

@@ -16,6 +16,7 @@
 #include "GuardProvider.h"
 #include "HandlerRegistration.h"
 #include "Imports.h"
+#include "Paths.h"
 #include "PictureChild.h"
 #include "ProgramRun.h"
 #include "RegistryRows.h"
@@ -229,6 +230,10 @@ TEST_F(Doctor, DownloadedFilesAreUnblocked) {
 TEST_F(Doctor, AClipInTheCloudIsNotFetched) {
     const ReplacedImport search("FindFirstFileExW", &findInCloud);
     expectFault(L"clip-in-cloud");
+    writeFileBytes(m_clip, "P5");
+    EXPECT_EQ(L"", kindOfNoClip(m_clip));
+    std::filesystem::remove(m_clip);
+    EXPECT_EQ(L"", obstacleTo(m_clip)) << "it is not opened for a look";
 }
 
 TEST_F(Doctor, ExplorersMemoryIsEmptiedAtTheEnd) {

@@ -74,6 +74,13 @@ TEST_F(Probe, AGoodLibraryGivesAPicture) {
 
 // In turn, at every second call: it crashes, it fails, or it ends the process. What the handler can do
 // without may fail.
+TEST_F(Probe, TheLibraryIsLoadedAsTheHandlerDoes) {
+    const std::filesystem::path built = builtFile("Tests/vdCommon");
+    m_request.library = windowsPath(built / "needy.dll");
+    const EnvironmentVariable path(L"PATH", windowsPath(built / "RightDependency").c_str());
+    expectNamed(L"", L"LoadLibraryEx", L"FAILED, 0x8007007E");
+}
+
 TEST_F(Probe, TroubleAtACallIsNamed) {
     constexpr const wchar_t* kinds[] = {L"nullWrite", L"fail", L"terminate"};
     constexpr const wchar_t* words[] = {L"CRASHED, access violation writing 0x0 in BlackmagicRawAPI.dll+0x",

@@ -171,7 +171,8 @@ TEST_F(ThumbnailCommand, WhatIsAskedWronglyIsRefusedAndNothingIsWritten) {
     expectRefused({path, L"--colour", L"red"}, L"no option --colour");
     expectRefused({L"--size", L"8"}, L"which clip?");
     expectRefused({path, other, L"--out", inside(L"p.png")}, L"needs a folder");
-    expectRefused({path, path, L"--out", m_folder.path().wstring()}, L"same picture");
+    expectRefused({path, inside(L"elsewhere\\CLIP.BRAW"), L"--out", m_folder.path().wstring()},
+                  L"same picture");
     expectRefused({path, L"--dll", inside(L"missing.dll")}, L"cannot be loaded: 0x8007007E", EXIT_FAILED);
     expectRefused({path, L"--dll", path}, L"cannot be loaded: 0x800700C1", EXIT_FAILED);
     const ProgramRun wrong = runProgram(kBinaries / "clipforge-thumb.exe", {path, L"--size", L"0"});

@@ -11,6 +11,7 @@
 #include "Console.h"
 #include "Paths.h"
 #include "ProbeMeeting.h"
+#include "Utils/vdModule.h"
 
 namespace probe {
 
@@ -347,7 +348,7 @@ constexpr Stage kStages[] = {
     {starting, L"", L"LoadLibraryEx", L"", nullptr, nullptr, needed, library,
      L"a DLL that the library needs is missing beside it, or it refuses to start on this machine",
      RUN { HELD;
-         h.module = LoadLibraryExW(m.libraryPath().c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+         h.module = loadLibraryIsolated(m.libraryPath()); // as the handler does
          return {h.module != nullptr ? S_OK : lastError()}; }},
     {starting, L"", L"GetProcAddress", L"CreateBlackmagicRawFactoryInstance", nullptr, nullptr, needed, library,
      L"this is a DLL, but not the decoder library: it has no such entry point",

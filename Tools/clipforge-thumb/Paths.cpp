@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include "Console.h"
+#include "Utils/vdCloudFile.h"
 
 namespace {
 
@@ -94,6 +95,8 @@ bool isSameFile(const std::wstring& first, const std::wstring& second) {
 std::wstring obstacleTo(const std::wstring& path) {
     if (isFolder(path))
         return L"is a folder";
+    if (wouldBeFetched(path.c_str())) // by being opened, perhaps
+        return {};
     const FileHandle file(path, GENERIC_READ);
     if (file.isOpen()) {
         LARGE_INTEGER size{};
@@ -115,6 +118,8 @@ std::wstring obstacleTo(const std::wstring& path) {
 }
 
 std::wstring kindOfNoClip(const std::wstring& path) {
+    if (wouldBeFetched(path.c_str()))
+        return {};
     const FileHandle file(path, GENERIC_READ);
     char bytes[8]{};
     DWORD count = 0;

@@ -2,11 +2,14 @@
 
 #include <set>
 
+#include <windows.h>
+
 #include "Console.h"
 #include "HandlerHost.h"
 #include "Meanings.h"
 #include "Paths.h"
 #include "PngFile.h"
+#include "Utils/vdCloudFile.h"
 
 namespace {
 
@@ -45,6 +48,14 @@ std::wstring pictureOf(const std::wstring& clip, const std::wstring& out) {
     return isFolder(out) ? out + L"\\" + fileName(clip) + L".png" : out;
 }
 
+/// As Windows tells files apart: in any case of their letters they are the same.
+struct NameOrder {
+    bool operator()(const std::wstring& one, const std::wstring& other) const {
+        return CompareStringOrdinal(one.data(), static_cast<int>(one.size()), other.data(),
+                                    static_cast<int>(other.size()), TRUE) == CSTR_LESS_THAN;
+    }
+};
+
 /// Before anything is written: no picture may fall on a clip or on another picture.
 void checkPictures(const Arguments& arguments) {
     if (!arguments.out)
@@ -52,7 +63,7 @@ void checkPictures(const Arguments& arguments) {
     const std::wstring out = fullPath(*arguments.out);
     if (arguments.clips.size() > 1 && !isFolder(out))
         throw CommandError(L"with several clips, --out needs a folder that exists", EXIT_USAGE);
-    std::set<std::wstring> pictures;
+    std::set<std::wstring, NameOrder> pictures;
     for (const std::wstring& clip : arguments.clips) {
         const std::wstring picture = pictureOf(fullPath(clip), out);
         for (const std::wstring& other : arguments.clips) {
@@ -66,6 +77,8 @@ void checkPictures(const Arguments& arguments) {
 
 [[noreturn]] void failAsking(const std::wstring& clip, const ThumbnailAnswer& answer) {
     const std::wstring detail = std::wstring(answer.step) + L": " + describe(answer.result);
+    if (answer.result == E_FAIL && wouldBeFetched(fullPath(clip).c_str()))
+        throw CommandError(clip + L" lies in the cloud only, not on this computer (" + detail + L")");
     if (answer.result == E_FAIL || answer.result == E_OUTOFMEMORY) {
         if (const std::wstring kind = kindOfNoClip(fullPath(clip)); !kind.empty())
             throw CommandError(clip + L" is " + kind + L", not a clip (" + detail + L")");

@@ -150,9 +150,8 @@ struct IBlackmagicRawResourceManager;
 /// A unit of asynchronous work. The submitter's reference may be released as soon as Submit has returned; the
 /// library keeps the job until its completion has returned. The buffers that the caller gave stay until then.
 struct IBlackmagicRawJob : IUnknown {
-    /// Starts the work, once. The completion may come before Submit has returned, but on another thread, and
-    /// Submit must not wait for it: the submitter may hold a lock that the completion needs. After a failure
-    /// there is no completion.
+    /// Starts the work, once. The completion may come, and even return, before Submit has returned: the
+    /// submitter holds no lock that it needs. After a failure there is no completion.
     virtual HRESULT STDMETHODCALLTYPE Submit() = 0;
     BLACKMAGIC_RAW_UNUSED(Abort)
     virtual HRESULT STDMETHODCALLTYPE SetUserData(void* userData) = 0;

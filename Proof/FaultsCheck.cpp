@@ -1,7 +1,4 @@
 // The decoder library misbehaves at every single call that crosses its border, once, in every way it can.
-#include <algorithm>
-#include <string>
-#include <string_view>
 
 #include "Proof.h"
 #include "Scenario.h"

@@ -1,16 +1,8 @@
 // The guard, with the decoder behind it crashing, hanging and eating memory at every call; with workers and
 // hosts that somebody ends; and for thousands of thumbnails. The shell's process must not notice.
-#include <algorithm>
-#include <array>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <functional>
-#include <optional>
 #include <random>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <windows.h>
 

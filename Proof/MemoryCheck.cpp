@@ -1,14 +1,8 @@
 // Memory runs out: one allocation of the handler's fails, its loading included, or from it on all do until
 // the shell has its answer. Not only what `new` takes: what the C++ runtime takes to begin with, to lock and
 // to throw, too. And no thread has a slot left for it.
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
-#include <optional>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "EnvironmentVariable.h"
 #include "Proof.h"

@@ -1,13 +1,8 @@
 #include "Proof.h"
 
-#include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
-
-#include <windows.h>
 
 #include "ChildProcess.h"
 #include "ExceptionText.h"

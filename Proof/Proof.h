@@ -4,9 +4,7 @@
 // subject stands in a file of its own, whose checks enter themselves with a PROOF_CHECK line.
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <vector>
+#include "Common.h"
 
 /// How thoroughly to try: a short form for every test run, the full one on demand.
 enum class ProofForm { brief, full };

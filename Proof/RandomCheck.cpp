@@ -1,7 +1,5 @@
 // Input that nobody thought of: paths and sizes out of a seeded generator, so that a run can be repeated.
 #include <random>
-#include <string>
-#include <string_view>
 
 #include "Proof.h"
 #include "Scenario.h"

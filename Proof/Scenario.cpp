@@ -1,6 +1,5 @@
 #include "Scenario.h"
 
-#include <algorithm>
 #include <cstdio>
 
 #include "BitmapPixels.h"

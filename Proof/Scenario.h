@@ -2,14 +2,6 @@
 // be sent to. And what may not be left once the answer is there.
 #pragma once
 
-#include <cstdint>
-#include <filesystem>
-#include <functional>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "GdiObjects.h"
 #include "HandlerHost.h"
 #include "ReferenceDecoderSession.h"

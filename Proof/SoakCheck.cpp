@@ -1,11 +1,7 @@
 // Thousands of thumbnails in one process: what they take is given back, all of it.
-#include <array>
 #include <bitset>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <windows.h>
 

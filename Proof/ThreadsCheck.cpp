@@ -1,11 +1,6 @@
 // Everything at once: thumbnails from many apartments, and the library itself that comes and goes.
-#include <filesystem>
 #include <mutex>
 #include <random>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "Proof.h"
 #include "Scenario.h"

@@ -1,10 +1,6 @@
 // Each call to Windows that can fail does so once, in the handler library's own imports. Those that open or
 // load something find a thread on which Windows asks the user nothing.
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <string>
-#include <string_view>
 
 #include <io.h>
 #include <sys/stat.h>

@@ -2,11 +2,7 @@
 // at.
 #include "GuardFixture.h"
 
-#include <algorithm>
-#include <cstring>
 #include <cwchar>
-#include <iterator>
-#include <vector>
 
 #include "GuardFailures.h"
 #include "Imports.h"

@@ -2,12 +2,6 @@
 // name says. Afterwards no worker may be left.
 #pragma once
 
-#include <filesystem>
-#include <memory>
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "BuiltFile.h"
 #include "GdiObjects.h"
 #include "GuardWorkers.h"

@@ -1,10 +1,7 @@
 // What a worker may do, and what the shell sees of it: one thumbnail less, and nothing else.
 #include "GuardFixture.h"
 
-#include <iterator>
 #include <sstream>
-#include <thread>
-#include <vector>
 
 #include "FreshProcess.h"
 #include "GuardFailures.h"

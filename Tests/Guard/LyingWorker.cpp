@@ -1,6 +1,5 @@
 // A worker that does not keep to the rules: how, says the file "lie" beside it.
 #include <random>
-#include <string>
 
 #include "TemporaryFolder.h"
 #include "Transport.h"

@@ -1,10 +1,7 @@
 // What the decoder is sent of a request's settings, and what becomes of a refusal.
 #include <cmath>
-#include <cstring>
 #include <span>
 #include <sstream>
-#include <string>
-#include <string_view>
 
 #include <gtest/gtest.h>
 #include <wrl/client.h>

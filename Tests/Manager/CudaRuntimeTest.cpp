@@ -1,6 +1,4 @@
 // The CUDA runtime beside the program, on the search path, missing or broken: always a value, never a crash.
-#include <filesystem>
-#include <string>
 
 #include "DecodeCoreFixture.h"
 #include "EnvironmentVariable.h"

@@ -2,11 +2,6 @@
 // that the decoder handed out must have come back.
 #pragma once
 
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include <gtest/gtest.h>
 
 #include "BuiltFile.h"

@@ -2,9 +2,6 @@
 // its jobs when it likes. And who may end a request, how often, and with which lock.
 #include "DecodeCoreFixture.h"
 
-#include <algorithm>
-#include <thread>
-
 #include "FreshProcess.h"
 #include "LogSession.h"
 #include "Utils/vdResult.h"

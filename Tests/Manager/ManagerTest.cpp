@@ -2,7 +2,6 @@
 #include "DecodeCoreFixture.h"
 #include "LogSession.h"
 
-#include <algorithm>
 #include <tuple>
 
 #include "Utils/vdResult.h"

@@ -1,7 +1,5 @@
 // Every conversion into the final image against a plain one written here, pixel by pixel.
-#include <array>
 #include <cmath>
-#include <cstring>
 #include <random>
 
 #include "DecodeCoreFixture.h"

@@ -2,8 +2,6 @@
 #include "DecodeCoreFixture.h"
 
 #include <cmath>
-#include <cstring>
-#include <string_view>
 #include <tuple>
 
 #include "Utils/vdResult.h"

@@ -1,9 +1,7 @@
 // What stood in the registry before the handler came is there again when it has gone.
 #include "HandlerRegistration.h"
 
-#include <functional>
 #include <map>
-#include <vector>
 
 #include <gtest/gtest.h>
 

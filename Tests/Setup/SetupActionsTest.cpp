@@ -2,6 +2,7 @@
 #include <map>
 
 #include <gtest/gtest.h>
+
 #include <windows.h>
 
 #include <msi.h>

@@ -1,10 +1,7 @@
 // A bitmap's pixels as Windows itself reads them.
 #pragma once
 
-#include <cstdint>
-#include <vector>
-
-#include <windows.h>
+#include "Common.h"
 
 /// Of a 32-bit bitmap: top row first, blue, green, red and alpha. Which way up it is, only Windows need know.
 inline std::vector<uint8_t> readPixels(HBITMAP bitmap, LONG width, LONG height) {

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <filesystem>
-
-#include <windows.h>
+#include "Common.h"
 
 /// A file or folder of the build that the running program belongs to; `name` is relative to the build folder.
 /// Found from the program's own place: a path that CMake writes into a narrow text loses the letters beyond

@@ -1,10 +1,7 @@
 // An environment variable of this process that gets its former value back.
 #pragma once
 
-#include <string>
-#include <utility>
-
-#include <windows.h>
+#include "Common.h"
 
 class EnvironmentVariable {
 public:

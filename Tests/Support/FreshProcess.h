@@ -1,11 +1,10 @@
 // Runs a test that needs a process of its own, because of what it loads, changes for good or dies of.
 #pragma once
 
-#include <string>
-
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
+#include "Common.h"
 
 /// Starts the disabled test "Suite.DISABLED_Name" of this program in another process.
 inline ChildProcess startFreshProcess(const std::string& test) {

@@ -1,9 +1,7 @@
 // How many GDI objects this process holds.
 #pragma once
 
-#include <cstdint>
-
-#include <windows.h>
+#include "Common.h"
 
 /// Wine does not answer GetGuiResources; there the objects are counted in the process's own handle table.
 inline uint32_t countGdiObjects() {

@@ -1,9 +1,7 @@
 // Puts functions of ours in the place of what a loaded library imports from Windows.
 #pragma once
 
-#include <string_view>
-
-#include <windows.h>
+#include "Common.h"
 
 /// Calls visit(library, function, slot) for each import by name of a library that is loaded or mapped as an
 /// image, those that are bound on first use included.

@@ -1,11 +1,7 @@
 // Which processes and handles there are, as the system tells it.
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <vector>
-
-#include <windows.h>
+#include "Common.h"
 
 #include <tlhelp32.h>
 

@@ -1,13 +1,7 @@
 // Runs a program of the build to its end, and keeps what it said.
 #pragma once
 
-#include <algorithm>
-#include <filesystem>
-#include <string>
-#include <vector>
-
 #include <gtest/gtest.h>
-#include <windows.h>
 
 #include "ChildProcess.h"
 #include "TemporaryFolder.h"

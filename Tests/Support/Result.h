@@ -1,9 +1,9 @@
 #pragma once
 
+#include "Common.h"
 #include <ostream>
 
 #include <gtest/gtest.h>
-#include <windows.h>
 
 /// A failed comparison prints the code as people look it up.
 struct Result {

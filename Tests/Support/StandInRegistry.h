@@ -2,9 +2,7 @@
 // test knows.
 #pragma once
 
-#include <string>
-
-#include <windows.h>
+#include "Common.h"
 
 class StandInRegistry {
 public:

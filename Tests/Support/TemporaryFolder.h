@@ -1,14 +1,8 @@
 // A folder that lives as long as the object, and the texts of files in it.
 #pragma once
 
-#include <atomic>
-#include <filesystem>
+#include "Common.h"
 #include <fstream>
-#include <iterator>
-#include <string>
-#include <string_view>
-
-#include <windows.h>
 
 class TemporaryFolder {
 public:

@@ -1,14 +1,8 @@
 // Clips for the reference decoder, and what their pictures must look like once decoded.
 #pragma once
 
-#include <algorithm>
-#include <array>
-#include <cstdint>
-#include <filesystem>
+#include "Common.h"
 #include <fstream>
-#include <string>
-#include <utility>
-#include <vector>
 
 /// A clip's description. Its picture differs from itself mirrored either way and in every channel: red grows
 /// to the right, green downwards, blue is a fine pattern that moves from frame to frame.

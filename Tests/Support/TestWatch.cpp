@@ -1,12 +1,10 @@
 #include "TestWatch.h"
+#include "Common.h"
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
 
 #include <gtest/gtest.h>
-#include <windows.h>
 
 #include "ReferenceDecoderControl.h"
 

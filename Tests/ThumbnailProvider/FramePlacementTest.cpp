@@ -1,9 +1,8 @@
 // Frames placed in larger pictures: in the middle, of the same shape, evenly scaled, and within their bounds.
-#include <cstring>
-#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "Common.h"
 #include "brFramePlacement.h"
 
 namespace {

@@ -2,16 +2,10 @@
 // fixture looks whether anything was left behind.
 #pragma once
 
-#include <filesystem>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
+#include <windows.h>
 
-#include <gtest/gtest.h>
 #include <propsys.h>
 #include <thumbcache.h>
-#include <windows.h>
 #include <wrl/client.h>
 
 #include "BuiltFile.h"

@@ -1,13 +1,9 @@
 // What the built libraries take from Windows. All of it becomes part of the shell's process, and the
 // toolchain's runtime can bring along what no host wants there: an exception handler for the whole process,
 // or the means to stop its threads.
-#include <algorithm>
-#include <iterator>
-#include <string>
-#include <string_view>
 
-#include "HandlerFixture.h"
 #include "Imports.h"
+#include "HandlerFixture.h"
 
 namespace {
 /// What may be imported from a library, by names that each end in a blank. Without names: anything.

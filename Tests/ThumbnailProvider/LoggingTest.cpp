@@ -1,9 +1,6 @@
 // The variant with the handler logging switch on: its log tells the whole road of a thumbnail.
-#include <algorithm>
 #include <regex>
 #include <sstream>
-#include <string_view>
-#include <vector>
 
 #include "EnvironmentVariable.h"
 #include "HandlerFixture.h"

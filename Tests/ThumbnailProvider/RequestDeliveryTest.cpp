@@ -1,10 +1,5 @@
 // How the processed image gets into the bitmap where the decoder has not written it there itself.
-#include <cstring>
 #include <numeric>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "HandlerFixture.h"
 #include "LogSession.h"

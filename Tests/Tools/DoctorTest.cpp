@@ -1,10 +1,5 @@
 // The doctor over broken set-ups: each is named as what it is, and mended where that is safe.
-#include <algorithm>
-#include <functional>
-#include <memory>
-#include <vector>
 
-#include <gtest/gtest.h>
 #include <objbase.h>
 #include <shlobj.h>
 

@@ -1,8 +1,6 @@
 // The first meeting with a library that lies, crashes or hangs: whatever it does, the call is named.
 #include <map>
 
-#include <gtest/gtest.h>
-
 #include "BuiltFile.h"
 #include "Console.h"
 #include "EnvironmentVariable.h"

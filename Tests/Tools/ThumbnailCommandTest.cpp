@@ -1,5 +1,4 @@
 // clipforge-thumb's main job: the pictures that it writes, its exit codes and what it says.
-#include <algorithm>
 
 #include <objbase.h>
 

@@ -1,11 +1,9 @@
 // The tests' entry point; the same program is also the child that a probe or a doctor starts.
-#include <string>
-#include <string_view>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <objbase.h>
 
+#include "Common.h"
 #include "CrashReport.h"
 #include "PictureChild.h"
 #include "Probe.h"

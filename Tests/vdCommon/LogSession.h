@@ -1,10 +1,6 @@
 // A log of this process in a temporary profile, and its lines.
 #pragma once
 
-#include <filesystem>
-#include <string>
-#include <vector>
-
 #include "EnvironmentVariable.h"
 #include "TemporaryFolder.h"
 #include "Utils/vdLogging.h"

@@ -1,14 +1,10 @@
 #include "Utils/vdLogging.h"
 
-#include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <future>
-#include <iterator>
 #include <new>
 #include <regex>
 #include <sstream>
-#include <thread>
 #include <tuple>
 
 #include <gtest/gtest.h>

@@ -1,9 +1,6 @@
 // How other libraries are loaded: from where, with which of their dependencies, and without asking anybody.
 #include "Utils/vdModule.h"
 
-#include <filesystem>
-#include <vector>
-
 #include <gtest/gtest.h>
 
 #include "Adobe/vdHost.h"

@@ -1,10 +1,5 @@
 #include "Utils/vdPaths.h"
 
-#include <algorithm>
-#include <cstring>
-#include <string>
-#include <vector>
-
 #include <gtest/gtest.h>
 
 #include "EnvironmentVariable.h"

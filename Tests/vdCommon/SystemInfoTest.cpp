@@ -1,7 +1,5 @@
 #include "Utils/vdSystemInfo.h"
 
-#include <cstring>
-#include <iterator>
 #include <map>
 #include <sstream>
 #include <tuple>
@@ -9,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "Adobe/vdHostApp.h"
+#include "Common.h"
 #include "Utils/vdResult.h"
 #include "Utils/vdSessionHeader.h"
 #include "Utils/vdText.h"

@@ -49,9 +49,9 @@ HRESULT encode(const DIBSECTION& section, IWICImagingFactory& factory, IStream* 
 
 // Windows' file functions take more than 260 characters only with this prefix.
 std::wstring longPath(const std::wstring& path) {
-    if (path.size() < MAX_PATH || path.starts_with(L"\\\\"))
+    if (path.size() < MAX_PATH || path.starts_with(L"\\\\?\\"))
         return path;
-    return L"\\\\?\\" + path;
+    return path.starts_with(L"\\\\") ? L"\\\\?\\UNC" + path.substr(1) : L"\\\\?\\" + path;
 }
 
 HRESULT writeFile(const std::wstring& path, const BYTE* data, DWORD size) {

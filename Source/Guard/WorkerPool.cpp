@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <span>
 #include <utility>
 
 #include "GuardFailures.h"
@@ -50,8 +49,10 @@ class Lease {
 public:
     Lease() {
         const PoolLock lock;
-        while ((m_slot = findWorker()) == nullptr && (m_slot = findEmpty()) == nullptr)
+        while (heldPlaces() >= workerLimit())
             SleepConditionVariableSRW(&g_pool.freed, &g_pool.lock, INFINITE, 0);
+        if ((m_slot = findWorker()) == nullptr) // then a place that is not held is empty
+            m_slot = std::ranges::find(g_pool.slots, false, &Slot::held);
         m_slot->held = true;
         m_worker.reset(std::exchange(m_slot->worker, nullptr));
     }
@@ -82,12 +83,8 @@ private:
         }
         return found;
     }
-    /// A place for a further worker.
-    static Slot* findEmpty() {
-        const auto places = std::span(g_pool.slots, workerLimit());
-        const auto empty =
-            std::find_if(places.begin(), places.end(), [](const Slot& slot) { return !slot.held; });
-        return empty != places.end() ? &*empty : nullptr;
+    static size_t heldPlaces() {
+        return static_cast<size_t>(std::ranges::count(g_pool.slots, true, &Slot::held));
     }
 
     Slot* m_slot = nullptr;

@@ -148,6 +148,13 @@ TEST_F(GuardTest, AsManyWorkersAsThereMayBe) {
         });
     threads.clear();
     EXPECT_EQ(3u, most);
+
+    setPolicy(L"Workers", 1); // while three are idle: from now on one alone may work
+    const ULONGLONG start = GetTickCount64();
+    for (int i = 0; i < 3; ++i)
+        threads.emplace_back([&] { EXPECT_RESULT(S_OK, resultOf(L"slow")); });
+    threads.clear();
+    EXPECT_LE(870u, GetTickCount64() - start) << "300 ms each";
 }
 
 TEST_F(GuardTest, IdleWorkersGoAndOthersCome) {

@@ -24,7 +24,7 @@ TEST_F(LifetimeTest, FlushThatDoesNotFlushIsNotTrusted) {
         m_request = makeRequest(*start());
         const LogSession log(vdLogLevel::error);
         arm("::FlushJobs", 1, kind);
-        m_decoder.setJobDelay(30);
+        m_decoder.setJobDelay(400); // it is waited for
         ASSERT_EQ(m_manager->AddProcessFrameAsync(m_request), 0);
         m_manager->Release();
         EXPECT_TRUE(m_request->m_isCancelled);
@@ -46,10 +46,13 @@ TEST_F(LifetimeTest, DISABLED_JobThatOutlastsTheManager) {
     EXPECT_EQ(m_manager->initFromFramework(blackmagicRawPipelineCPU, false), 0);
     IBlackmagicRawFactory* const factory = m_manager->m_instance->factory;
     factory->AddRef();
+    auto* const device = m_manager->m_instance->pipelineDevice->device.Get();
+    device->AddRef();
     m_manager->Release(); // of the next codec, which has no jobs
     m_manager.reset();
     EXPECT_FALSE(watched.expired()) << "its job is still running";
     EXPECT_EQ(factory->Release(), 1u) << "and may use what the library gave";
+    EXPECT_GE(device->Release(), 1u);
     EXPECT_GT(m_decoder.account().liveResources, 0);
     EXPECT_TRUE(std::ranges::any_of(log.lines(), [](const std::string& line) {
         return line.find("initFromFramework|A job does not end") != std::string::npos;
@@ -127,7 +130,10 @@ TEST_F(LifetimeTest, CallbackThatIsNotGivenBackIsKept) {
     m_manager->createBufferManager()->m_session->callback()->AddRef(); // as a library that never lets go of
                                                                        // it
     const LogSession log(vdLogLevel::error);
+    IBlackmagicRawFactory* const factory = m_manager->m_instance->factory;
+    factory->AddRef();
     m_manager.reset();
+    EXPECT_EQ(factory->Release(), 1u);
     ASSERT_EQ(log.lines().size(), 1u);
     EXPECT_NE(log.lines()[0].find("The decoder library still holds the callback"), std::string::npos);
     m_decoder.writeOffLosses(); // what is left is left on purpose
@@ -211,6 +217,15 @@ TEST_F(LifetimeTest, CancelledBeforeEachCompletion) {
 
 TEST_F(LifetimeTest, HookEndsARequestWithItsFrame) {
     m_request = makeRequest(*start());
+    m_request->hook = 2; // 1 alone ends it
+    EXPECT_EQ(m_manager->ProcessFrameSync(m_request), 0);
+    EXPECT_EQ(m_request->delivered, 1);
+    m_decoder.reset();
+    m_request = makeRequest(*m_manager->GetClip(0));
+    m_request->m_listener = [](vdBRAW_Request&) { throw std::bad_alloc(); };
+    EXPECT_EQ(m_manager->ProcessFrameSync(m_request), 0) << "whoever listens harms itself alone";
+    m_decoder.reset();
+    m_request = makeRequest(*m_manager->GetClip(0));
     m_request->hook = 1;
     EXPECT_EQ(m_manager->ProcessFrameSync(m_request), 0);
     EXPECT_TRUE(m_request->m_isFinished && m_request->told == 1);
@@ -242,6 +257,7 @@ TEST_F(LifetimeTest, ReplacedCodecTakesItsWorkWithIt) {
         EXPECT_EQ(m_manager->initFromFramework(blackmagicRawPipelineCPU, false), 0);
         EXPECT_TRUE(m_request->m_isFinished && m_request->told == 1);
         EXPECT_EQ(m_request->m_isCancelled, failingFlush != 99);
+        EXPECT_TRUE(m_request->m_isCancelled || m_request.use_count() == 1) << "still queued";
         EXPECT_TRUE(clip->m_isOpened);
         m_decoder.disarm();
         const auto next = makeRequest(*clip);

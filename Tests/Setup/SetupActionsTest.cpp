@@ -150,8 +150,9 @@ TEST_F(SetupActions, ChangesAndUndoes) {
 
     EXPECT_EQ(told, change("TakeDecoder", m_old + L"|" + m_new + L"|"));
     writeDecoder(m_old);
+    writeFileBytes(m_new + L"BlackmagicRawAPI.dll", "half of it");
     EXPECT_EQ(done, change("TakeDecoder", m_old + L"|" + m_new + L"|"));
-    EXPECT_TRUE(hasDecoder(m_new));
+    EXPECT_TRUE(holdsDecoder(m_new));
     EXPECT_EQ(done, change("UndoRegisterHandler", L"user|" + m_new + L"|" + m_new + L"|"));
     EXPECT_TRUE(hasDecoder(m_new)) << "another build of the same version";
     EXPECT_EQ(done, change("UndoRegisterHandler", L"user|" + m_new + L"|" + m_old + L"|"));

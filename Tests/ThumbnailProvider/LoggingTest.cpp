@@ -72,6 +72,8 @@ constexpr const char* milestones[] = {
     "INFO|BlackmagicRawAP| TryLoadBlackmagicRawAPI|Manualyy Loaded DLL success !",
     "INFO|Instance       | initPipeline|- Pipeline Infos : */    - Instruction set : */    - Device Index : 0"
     "/    - Interop : None/    - Name : Reference CPU/    - Pipeline Name : CPU/",
+    "INFO|Manager        | logCodecConfiguration|*    - CPU : 1/    - CUDA : 1/    - METAL : 0/    - OPENCL "
+    ": 0/*",
     "INFO|Manager        | AddClip|Opening new clip",
     "INFO|Clip           | openAndInit|    - 8x4",
     "INFO|Request        | setScaleAndDimensions|[Q-1C*#0I0] Dimensions - In 32x16 - Full 64x32 - Scale half "

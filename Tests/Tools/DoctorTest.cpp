@@ -154,7 +154,7 @@ const Ailment kAilments[] = {
     {L"policy-network", false,
      [](auto&&, std::wstring& clip) {
          StandInRegistry::setNumber(HKEY_LOCAL_MACHINE, kPolicies, L"DisableThumbnailsOnNetworkFolders", 1);
-         clip = L"\\\\nowhere\\share\\clip.braw";
+         clip = L"\\\\?\\UNC\\nowhere\\share\\clip.braw";
      }},
     {L"class-blocked", false, set(HKEY_LOCAL_MACHINE, std::wstring(kExtensions) + L"Blocked", kClassId, L"")},
     {L"not-approved", true,

@@ -2,11 +2,13 @@
 #include <map>
 
 #include "BuiltFile.h"
+#include "ChildProcess.h"
 #include "Console.h"
 #include "EnvironmentVariable.h"
 #include "Imports.h"
 #include "Probe.h"
 #include "ProbeStages.h"
+#include "Processes.h"
 #include "ProgramRun.h"
 #include "TemporaryFolder.h"
 #include "TestClips.h"
@@ -196,7 +198,10 @@ TEST_F(Probe, WhatIsNoLibraryOrNoClipIsRefusedBeforehand) {
     const struct {
         std::wstring clip, library;
         const wchar_t* line;
+        ExitCode code = EXIT_FAILED;
+        std::wstring picture = L"p.png";
     } cases[] = {
+        {m_request.clip, m_request.library, L"written over", EXIT_USAGE, m_request.clip},
         {m_request.clip, inside(L"missing.dll"), L"does not exist"},
         {m_request.clip, m_folder.path().wstring(), L"is a folder"},
         {m_request.clip, inside(L"text.dll"), L"is no DLL"},
@@ -205,16 +210,30 @@ TEST_F(Probe, WhatIsNoLibraryOrNoClipIsRefusedBeforehand) {
         {inside(L"missing.braw"), m_request.library, L"does not exist"},
         {inside(L"photo.braw"), m_request.library, L"is a JPEG picture, not a clip"},
     };
-    for (const auto& [clip, library, line] : cases) {
-        const std::wstring_view words[] = {clip, L"--library", library};
+    for (const auto& [clip, library, line, code, picture] : cases) {
+        const std::wstring_view words[] = {clip, L"--library", library, L"--out", picture};
         try {
             runProbe(words);
             ADD_FAILURE() << line;
         } catch (const CommandError& error) {
-            EXPECT_EQ(EXIT_FAILED, error.code());
+            EXPECT_EQ(code, error.code());
             EXPECT_NE(std::wstring::npos, error.line().find(line)) << error.line();
         }
     }
+}
+
+TEST_F(Probe, TheLibrarysProcessGoesWithTheProbe) {
+    const EnvironmentVariable hang(L"REFERENCE_DECODER", L"hang@IBlackmagicRawFactory::CreateCodec");
+    const ChildProcess host(windowsPath(kBinaries / "clipforge-thumb.exe"), {L"probe", m_request.clip});
+    const auto children = [&] { return childProcesses(L"clipforge-thumb.exe", host.id()).size(); };
+    while (children() == 0)
+        Sleep(10);
+    host.terminate();
+    for (int i = 0; i < 500 && children() > 0; ++i)
+        Sleep(10);
+    EXPECT_EQ(0u, children());
+    for (const DWORD left : childProcesses(L"clipforge-thumb.exe", host.id()))
+        TerminateProcess(OpenProcess(PROCESS_TERMINATE, FALSE, left), 1);
 }
 
 TEST_F(Probe, APersonGetsRowsAndASentence) {

@@ -8,6 +8,8 @@
 #include "Console.h"
 #include "EnvironmentVariable.h"
 #include "HandlerHost.h"
+#include "Imports.h"
+#include "PngFile.h"
 #include "ProgramRun.h"
 #include "TemporaryFolder.h"
 #include "TestClips.h"
@@ -92,13 +94,16 @@ TEST_F(ThumbnailCommand, WritesThePictureAndTellsOfIt) {
 TEST_F(ThumbnailCommand, AsksTheRegisteredHandler) {
     const TestClip clip{64, 48};
     const std::wstring path = writeClip(L"clip.braw", clip);
-    HandlerLibrary handler;
-    ASSERT_EQ(S_OK, handler.load(kHandler.wstring()));
-    ASSERT_EQ(S_OK, handler.call("DllRegisterServer"));
-    const ProgramRun asked = run({path, L"--size", L"48", L"--out", inside(L"p.png")}, {});
-    EXPECT_EQ(0u, asked.exitCode) << asked.errors;
-    expectPicture(inside(L"p.png"), clip, 1);
-    ASSERT_EQ(S_OK, handler.call("DllUnregisterServer"));
+    for (const wchar_t* const name : {L"Clipforge_Thumbnails.dll", L"Clipforge_Guard.dll"}) {
+        HandlerLibrary handler;
+        ASSERT_EQ(S_OK, handler.load((kBinaries / name).wstring()));
+        ASSERT_EQ(S_OK, handler.call("DllRegisterServer"));
+        std::filesystem::remove(inside(L"p.png"));
+        const ProgramRun asked = run({path, L"--size", L"48", L"--out", inside(L"p.png")}, {});
+        EXPECT_EQ(0u, asked.exitCode) << asked.errors;
+        expectPicture(inside(L"p.png"), clip, 1);
+        ASSERT_EQ(S_OK, handler.call("DllUnregisterServer"));
+    }
 }
 
 TEST_F(ThumbnailCommand, SeveralClipsInOneCall) {
@@ -177,6 +182,28 @@ TEST_F(ThumbnailCommand, WhatIsAskedWronglyIsRefusedAndNothingIsWritten) {
     const ProgramRun wrong = runProgram(kBinaries / "clipforge-thumb.exe", {path, L"--size", L"0"});
     EXPECT_EQ(2u, wrong.exitCode);
     EXPECT_EQ(1u, wrong.errorLines()) << wrong.errors;
+}
+
+std::wstring g_named;
+
+HANDLE WINAPI noteName(LPCWSTR path, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
+    g_named = path;
+    return INVALID_HANDLE_VALUE;
+}
+
+TEST_F(ThumbnailCommand, PicturesGoIntoDeepFoldersToo) {
+    const ReplacedImport create("CreateFileW", &noteName);
+    const std::wstring deep(300, L'd');
+    uint32_t pixel = 0;
+    DIBSECTION section{{0, 1, 1, 4, 1, 32, &pixel}, {sizeof(BITMAPINFOHEADER), 1, 1, 1, 32}};
+    for (const auto& [path, name] : {std::pair(L"C:\\p.png", L"C:\\p.png"),
+                                     {L"C:\\", L"\\\\?\\C:\\"},
+                                     {L"\\\\server\\", L"\\\\?\\UNC\\server\\"},
+                                     {L"\\\\?\\C:\\", L"\\\\?\\C:\\"}}) {
+        const std::wstring& rest = path == name ? L"" : deep;
+        writePng(section, path + rest);
+        EXPECT_EQ(name + rest, g_named);
+    }
 }
 
 TEST_F(ThumbnailCommand, APictureThatCannotBeWritten) {

@@ -38,7 +38,7 @@ TEST(SystemInfo, CoresAndThreadsOfEveryKindOfProcessor) {
         uint32_t highest, flag1, logical1, coresLessOne4, threads11, logical11; // by leaf
         uint32_t highestExtended, coresLessOne8;
         const char* counts; // threads per core, cores, logical
-    } table[] = {{intel, 22, 1, 8, 3, 2, 16, 0, 0, "2 8 16"},
+    } table[] = {{intel, 22, 1, 8, 3, 2, 272, 0, 0, "2 136 272"},
                  {intel, 11, 1, 8, 3, 0, 4, 0, 0, "0 4 4"},
                  {intel, 10, 1, 8, 3, 2, 16, 0, 0, "1 4 8"},
                  {intel, 4, 0, 8, 3, 0, 0, 0, 0, "1 1 1"},

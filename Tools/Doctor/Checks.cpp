@@ -247,10 +247,14 @@ bool isPolicySet(const wchar_t* name) {
     return false;
 }
 
-bool isOnNetwork(const std::wstring& path) {
+bool isOnNetwork(std::wstring_view path) {
+    constexpr std::wstring_view literal = L"\\\\?\\"; // "UNC" stands for a server's backslashes behind it
+    const bool isLiteral = path.starts_with(literal);
+    if (isLiteral)
+        path.remove_prefix(literal.size());
     wchar_t drive[] = L"?:\\";
     drive[0] = path.empty() ? L'?' : path[0];
-    return path.starts_with(L"\\\\") ? !path.starts_with(L"\\\\?\\") : GetDriveTypeW(drive) == DRIVE_REMOTE;
+    return path.starts_with(isLiteral ? L"UNC\\" : L"\\\\") || GetDriveTypeW(drive) == DRIVE_REMOTE;
 }
 
 Note checkPolicies(const Examination& examination, Findings& findings) {

@@ -12,6 +12,15 @@ std::wstring quoted(const std::wstring& text) {
     return L"\"" + text + std::wstring(text.size() - end, L'\\') + L"\"";
 }
 
+/// The line is a copy: the system may change it.
+HRESULT create(const std::wstring& program, std::wstring line, STARTUPINFOW& startup,
+               PROCESS_INFORMATION& process) {
+    const BOOL created =
+        CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE,
+                       CREATE_SUSPENDED | CREATE_NO_WINDOW, nullptr, nullptr, &startup, &process);
+    return created ? S_OK : HRESULT_FROM_WIN32(GetLastError());
+}
+
 } // namespace
 
 ChildProcess::ChildProcess(const std::wstring& program, const std::vector<std::wstring>& arguments,
@@ -25,11 +34,11 @@ ChildProcess::ChildProcess(const std::wstring& program, const std::vector<std::w
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdOutput = output;
     startup.hStdError = errors;
-    if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE,
-                        CREATE_SUSPENDED | CREATE_NO_WINDOW, nullptr, nullptr, &startup, &m_process)) {
-        m_started = HRESULT_FROM_WIN32(GetLastError());
+    m_started = create(program, line, startup, m_process);
+    if (m_started == HRESULT_FROM_WIN32(ERROR_INTERNAL_ERROR))
+        m_started = create(program, line, startup, m_process);
+    if (FAILED(m_started))
         return;
-    }
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
     limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
     SetInformationJobObject(m_job, JobObjectExtendedLimitInformation, &limits, sizeof limits);

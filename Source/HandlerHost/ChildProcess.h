@@ -10,7 +10,8 @@ class ChildProcess {
 public:
     /// The arguments hold no quotes (no Windows path does). The child gets no window, these files for what it
     /// writes, and every inheritable handle. It ends with this object at the latest, and with this process
-    /// where the system allows that.
+    /// where the system allows that. A start that fails with ERROR_INTERNAL_ERROR is tried once more: Wine on
+    /// a busy machine refuses one in some thousands so, and starts the next.
     ChildProcess(const std::wstring& program, const std::vector<std::wstring>& arguments,
                  HANDLE output = nullptr, HANDLE errors = nullptr);
     ~ChildProcess();

@@ -26,6 +26,7 @@ struct Calls {
     bool refuseJob = false;
     int startsToFail = 0;
     int events = 0;
+    int notifications = 0;
     SIZE_T committed = 0;
     int waitsForAnEnd = 0;
     void clear() { *this = {}; }
@@ -112,6 +113,10 @@ BOOL WINAPI reportEvent(HANDLE, WORD, WORD, DWORD, PSID, WORD, DWORD, LPCWSTR*, 
     return TRUE;
 }
 
+void WINAPI notifyShell(LONG, UINT, LPCVOID, LPCVOID) {
+    ++g_calls.notifications;
+}
+
 void* WINAPI commit(void* place, SIZE_T bytes, DWORD kind, DWORD protection) {
     g_calls.committed = bytes;
     return VirtualAlloc(place, bytes, kind, protection);
@@ -141,6 +146,7 @@ protected:
         stand("ResumeThread", resume);
         stand("SetTokenInformation", setToken);
         stand("ReportEventW", reportEvent);
+        stand("SHChangeNotify", notifyShell);
         stand("VirtualAlloc", commit);
         stand("WaitForSingleObject", waitForEnd);
     }
@@ -256,5 +262,6 @@ TEST_F(CallsTest, TheGuardRegistersItselfAndPutsBackWhatWasBound) {
             EXPECT_EQ(L"(nothing)", gone);
         EXPECT_EQ(before, text(binding));
     }
+    EXPECT_EQ(8, g_calls.notifications);
 }
 } // namespace

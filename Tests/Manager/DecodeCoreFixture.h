@@ -57,7 +57,7 @@ class DecodeCoreTest : public testing::Test {
 protected:
     void SetUp() override {
         m_decoder.reset();
-        m_clipFile = TestClip{96, 64};
+        m_clipFile = {.width = 96, .height = 64, .frames = 2};
         m_clipPath = writeClip("clip.braw", m_clipFile);
         // The manager judges the library by its file's size; the code itself is linked in.
         const std::string library = m_folder.text("BlackmagicRawAPI.dll");

@@ -256,6 +256,7 @@ TEST_F(RequestTest, GpuWithoutFreeMemoryLeavesItToTheCpu) {
     for (const bool cannotTell : {false, true}) {
         cannotTell ? setError(2) : setMemory(0, 8);
         const auto request = makeRequest(*clip, brPixelFormat::BGRA_8_LOW, 4);
+        request->m_frameIndex = 1;
         setError(0);
         setMemory(size_t{6} << 30, size_t{8} << 30);
         const brBufferManager& buffers = *request->m_bufferManager;
@@ -263,7 +264,7 @@ TEST_F(RequestTest, GpuWithoutFreeMemoryLeavesItToTheCpu) {
         EXPECT_EQ(buffers.m_resourceType, blackmagicRawResourceTypeBufferCPU);
         EXPECT_EQ(m_manager->ProcessFrameSync(request), 0);
         EXPECT_EQ(request->m_errorMessage, "");
-        const auto expected = expectedPixel(m_clipFile, 1, 95, 63);
+        const auto expected = expectedPixel(m_clipFile, 1, 95, 63, 1);
         EXPECT_TRUE(std::equal(expected.begin(), expected.end(), request->pixels.end() - 8));
         EXPECT_EQ(buffers.m_decodedBufferGPU.resource, nullptr);
     }

@@ -133,15 +133,4 @@ TEST_F(ReferenceDecoderTest, TheCodecMayBeHeldAndMayNotWait) {
     EXPECT_EQ(m_session.account().jobsCompleted, 1);
 }
 
-TEST_F(ReferenceDecoderTest, FramesOfOneSizeEachWithAHeaderOfItsOwn) {
-    const std::string pixels(12, 'x'), frame = "P6 2 2 255\n" + pixels;
-    for (const std::string& bad : {frame + "P6 2 3 255\n" + pixels + "xxxxxx", frame + "rubbish",
-                                   "P6 4294967298 2 255\n" + pixels, "P6 0 2 255\n" + pixels})
-        EXPECT_LT(open(bad), 0) << bad;
-    uint64_t frames = 0;
-    EXPECT_EQ(open(frame + "P6\n# a comment\n2 2 255\n" + pixels + frame), S_OK);
-    EXPECT_EQ(m_clip->GetFrameCount(&frames), S_OK);
-    EXPECT_EQ(frames, 3u);
-}
-
 } // namespace

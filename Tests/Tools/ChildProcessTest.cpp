@@ -6,18 +6,15 @@
 #include "Imports.h"
 
 namespace {
-
 decltype(&CreateProcessW) g_create;
-int g_starts = 0;
-int g_refusals = 0;
+int g_starts = 0, g_refusals = 0;
 DWORD g_error = 0;
 
-BOOL WINAPI createWhenAllowed(LPCWSTR program, LPWSTR line, LPSECURITY_ATTRIBUTES process,
-                              LPSECURITY_ATTRIBUTES thread, BOOL inherits, DWORD flags, LPVOID environment,
-                              LPCWSTR folder, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION information) {
+BOOL WINAPI createWhenAllowed(LPCWSTR program, LPWSTR line, LPSECURITY_ATTRIBUTES a, LPSECURITY_ATTRIBUTES b,
+                              BOOL inherits, DWORD flags, LPVOID environment, LPCWSTR folder,
+                              LPSTARTUPINFOW startup, LPPROCESS_INFORMATION process) {
     if (++g_starts > g_refusals)
-        return g_create(program, line, process, thread, inherits, flags, environment, folder, startup,
-                        information);
+        return g_create(program, line, a, b, inherits, flags, environment, folder, startup, process);
     line[0] = L'\0'; // the line is the system's to change
     SetLastError(g_error);
     return FALSE;

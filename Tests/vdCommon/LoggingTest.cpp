@@ -20,7 +20,6 @@ std::regex linePattern(const std::string& level, const std::string& stem, const 
     return std::regex("\\d+\\|" + level + "\\|(\\d{5,}|(?=.{5}\\|)\\d+ +)\\|~(\\d |\\d\\d+)\\|" + stem +
                       "\\| " + rest);
 }
-} // namespace
 
 TEST(Logging, LineShowsTimeLevelThreadProcessorSourceAndFunction) {
     const LogSession session(vdLogLevel::trace);
@@ -76,7 +75,6 @@ TEST(Logging, SecondSessionKeepsTheFirstAside) {
     EXPECT_TRUE(session.lines().empty());
 }
 
-namespace {
 decltype(&_wfopen) g_open;
 std::atomic<int> g_openingNow = 0, g_mostOpening = 0;
 DWORD g_errorMode = 0;
@@ -88,7 +86,6 @@ FILE* countingOpen(const wchar_t* path, const wchar_t* mode) {
     --g_openingNow;
     return g_open(path, mode);
 }
-} // namespace
 
 TEST(Logging, LinesOfManyThreadsAreWrittenOneAfterTheOther) {
     const LogSession session(vdLogLevel::info);
@@ -109,7 +106,6 @@ TEST(Logging, LinesOfManyThreadsAreWrittenOneAfterTheOther) {
         EXPECT_TRUE(std::regex_match(line, linePattern("INFO", "LoggingTest    ", "f\\|x{200}"))) << line;
 }
 
-namespace {
 /// What the machine says of itself in the test of the header: no figure twice.
 void WINAPI tellSystem(SYSTEM_INFO* info) {
     *info = {};
@@ -161,7 +157,6 @@ BOOL WINAPI tellProductType(OSVERSIONINFOEXW* wanted, DWORD fields, DWORDLONG co
     EXPECT_EQ(conditions, VerSetConditionMask(0, VER_PRODUCT_TYPE, VER_EQUAL));
     return g_isWorkstation && wanted->wProductType == VER_NT_WORKSTATION;
 }
-} // namespace
 
 TEST(Logging, HeaderSaysWhatTheMachineSays) {
     const ReplacedImport system("GetSystemInfo", &tellSystem);
@@ -212,11 +207,9 @@ TEST(Logging, HeaderSaysWhatTheMachineSays) {
     }
 }
 
-namespace {
 BOOL WINAPI failMemory(MEMORYSTATUSEX*) {
     throw std::bad_alloc();
 }
-} // namespace
 
 TEST(Logging, HeaderThatStopsSaysSo) {
     const ReplacedImport memory("GlobalMemoryStatusEx", &failMemory);
@@ -226,3 +219,4 @@ TEST(Logging, HeaderThatStopsSaysSo) {
     EXPECT_EQ(lines.back(), std::string(68, '-'));
     EXPECT_TRUE(lines[lines.size() - 3].starts_with("        - Windows ")) << "what was there is kept";
 }
+} // namespace

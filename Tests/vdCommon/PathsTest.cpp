@@ -18,7 +18,6 @@ std::string failureOf(const vdStatus& status) {
     EXPECT_EQ(status.failed, status.text().empty() ? 0 : 1);
     return std::string(status.text());
 }
-} // namespace
 
 TEST(Paths, JoinPutsExactlyOneSeparatorBeforeEachComponent) {
     const struct {
@@ -65,7 +64,6 @@ TEST(Paths, FailuresSayWhatAndWhere) {
     }
 }
 
-namespace {
 /// A file server with one share, on which each folder can be made inside one that is there.
 std::vector<std::wstring> g_serverFolders;
 
@@ -83,7 +81,6 @@ int makeOnServer(const wchar_t* path) {
         g_serverFolders.emplace_back(path);
     return made ? 0 : -1;
 }
-} // namespace
 
 TEST(Paths, FoldersAreMadeOnAServerFromItsShareOn) {
     // Some toolchains bring a _waccess_s of their own, which asks _waccess.
@@ -99,7 +96,6 @@ TEST(Paths, FoldersAreMadeOnAServerFromItsShareOn) {
     EXPECT_NE(failureOf(createDirectories("\\\\server")), "");
 }
 
-namespace {
 struct Opening {
     DWORD sharing;
     bool isInheritable;
@@ -112,7 +108,6 @@ HANDLE WINAPI recordOpening(LPCWSTR path, DWORD access, DWORD sharing, LPSECURIT
     g_openings.push_back({sharing, security != nullptr && security->bInheritHandle});
     return g_createFile(path, access, sharing, security, disposition, flags, pattern);
 }
-} // namespace
 
 TEST(Paths, AnOpenFileHindersNobody) {
     const TemporaryFolder temporary;
@@ -154,6 +149,12 @@ TEST(Paths, ProductFoldersAreMadeInAProfileOfAnyName) {
         EXPECT_EQ(fileSize(options), size) << "made empty; an existing file is left alone";
         writeFileBytes(utf8ToUtf16(options), "[General]");
     }
+    {
+        const ReplacedImport access("_waccess", &accessOnServer), safeAccess("_waccess_s", &accessOnServer);
+        g_serverFolders.clear();
+        getOptionsFilePath(path); // as if it were not there
+    }
+    EXPECT_EQ(fileSize(options), 9) << "what people wrote";
     removeFile(options);
     createDirectories(options + "\\inside");
     getOptionsFilePath(path);
@@ -162,3 +163,4 @@ TEST(Paths, ProductFoldersAreMadeInAProfileOfAnyName) {
     getOptionsFilePath(path);
     EXPECT_EQ(fileSize(options), 0) << "an empty folder gives way";
 }
+} // namespace

@@ -46,13 +46,10 @@ TEST_F(LifetimeTest, DISABLED_JobThatOutlastsTheManager) {
     EXPECT_EQ(m_manager->initFromFramework(blackmagicRawPipelineCPU, false), 0);
     IBlackmagicRawFactory* const factory = m_manager->m_instance->factory;
     factory->AddRef();
-    auto* const device = m_manager->m_instance->pipelineDevice->device.Get();
-    device->AddRef();
     m_manager->Release(); // of the next codec, which has no jobs
     m_manager.reset();
     EXPECT_FALSE(watched.expired()) << "its job is still running";
     EXPECT_EQ(factory->Release(), 1u) << "and may use what the library gave";
-    EXPECT_GE(device->Release(), 1u);
     EXPECT_GT(m_decoder.account().liveResources, 0);
     EXPECT_TRUE(std::ranges::any_of(log.lines(), [](const std::string& line) {
         return line.find("initFromFramework|A job does not end") != std::string::npos;

@@ -149,12 +149,6 @@ TEST(Paths, ProductFoldersAreMadeInAProfileOfAnyName) {
         EXPECT_EQ(fileSize(options), size) << "made empty; an existing file is left alone";
         writeFileBytes(utf8ToUtf16(options), "[General]");
     }
-    {
-        const ReplacedImport access("_waccess", &accessOnServer), safeAccess("_waccess_s", &accessOnServer);
-        g_serverFolders.clear();
-        getOptionsFilePath(path); // as if it were not there
-    }
-    EXPECT_EQ(fileSize(options), 9) << "what people wrote";
     removeFile(options);
     createDirectories(options + "\\inside");
     getOptionsFilePath(path);
